@@ -1,0 +1,39 @@
+# The project's commands. `make` builds build/kavo and build/libkavo.so; `make demo` converts
+# the bundled sample; `make test` builds and runs every test; `make asan` runs the tests under
+# AddressSanitizer and UndefinedBehaviorSanitizer; `make bench` measures against reference tools.
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
+DEMO_MP3 := tests/fixtures/speech_mono_22k.mp3
+
+.PHONY: all release debug test asan bench demo clean
+
+all: release
+
+release:
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS)
+
+debug:
+	cmake --preset debug >/dev/null
+	cmake --build --preset debug -j $(JOBS)
+
+test: release
+	ctest --preset release -j $(JOBS)
+
+asan:
+	cmake --preset asan >/dev/null
+	cmake --build --preset asan -j $(JOBS)
+	ctest --preset asan -j $(JOBS)
+
+bench: release
+	bash bench/run.sh
+
+demo: release
+	build/kavo convert $(DEMO_MP3) demo.adpcm
+	build/kavo expand demo.adpcm demo.wav
+	@echo
+	@echo "demo: converted $(DEMO_MP3)"
+	@echo "  demo.adpcm  $$(stat -c %s demo.adpcm) bytes of 4-bit ADPCM (8000 Hz, 32 kbit/s)"
+	@echo "  demo.wav    $$(stat -c %s demo.wav) bytes: the ADPCM expanded again, for listening"
+
+clean:
+	rm -rf build build-debug build-asan demo.adpcm demo.wav

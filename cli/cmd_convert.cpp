@@ -1,0 +1,85 @@
+// kavo convert: the whole conversion through the library's exported function, run in a
+// private working directory so that the user's directory only ever receives the output.
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "commands.h"
+#include "kavo/kavo.h"
+#include "workdir.h"
+
+namespace kavocli {
+
+namespace {
+
+// Name of the output inside the private directory, moved to the user's path on success.
+constexpr const char* kPrivateOutput = "output.adpcm";
+
+int g_last_percent = -1;
+
+// Draws a one-line bar on standard error; called by the library with (user, 0, 100, p, 1).
+int32_t draw_progress(int32_t /*user*/, int32_t low, int32_t high, int32_t percent, int32_t) {
+    if (percent == g_last_percent) return 0;
+    g_last_percent = percent;
+    const int span = high > low ? high - low : 100;
+    int filled = (percent - low) * 40 / span;
+    if (filled < 0) filled = 0;
+    if (filled > 40) filled = 40;
+    std::string bar(static_cast<size_t>(filled), '#');
+    bar.append(static_cast<size_t>(40 - filled), '-');
+    std::fprintf(stderr, "\r[%s] %3d%%", bar.c_str(), percent);
+    std::fflush(stderr);
+    return 0;
+}
+
+const char* refusal_text(int status) {
+    switch (status) {
+        case 3: return "the input path is empty";
+        case 4: return "the output path is empty";
+        case 5: return "a gain of -1.0 is not accepted";
+        default: return "the library refused the call";
+    }
+}
+
+}  // namespace
+
+int cmd_convert(const std::string& in, const std::string& out, float gain) {
+    std::string why;
+    if (!in.empty() && !readable(in, why)) {
+        std::fprintf(stderr, "kavo convert: cannot read '%s': %s\n", in.c_str(), why.c_str());
+        return kExitFailed;
+    }
+    PrivateDir work;
+    if (!work.ok()) {
+        std::fprintf(stderr, "kavo convert: cannot create a private working directory\n");
+        return kExitFailed;
+    }
+    const std::string input = absolute_path(in);
+    const bool show_bar = isatty(fileno(stderr)) != 0;
+    const int code = run_in_child(work.path(), [&]() {
+        // Empty paths and the gain -1.0 go to the library unchanged so that it decides.
+        const ConversionResult result =
+            kavo(input.c_str(), out.empty() ? "" : kPrivateOutput, gain,
+                 show_bar ? draw_progress : nullptr, 0);
+        if (show_bar && g_last_percent >= 0) std::fputc('\n', stderr);
+        return result.status == 1 ? 0 : result.status;
+    });
+    if (code == 3 || code == 4 || code == 5) {
+        std::fprintf(stderr, "kavo convert: %s\n", refusal_text(code));
+        return kExitUsage;
+    }
+    if (code != 0) {
+        std::fprintf(stderr, "kavo convert: conversion of '%s' failed (exit code %d); '%s' was not written\n",
+                     in.c_str(), code, out.c_str());
+        return kExitFailed;
+    }
+    const std::string moved = move_file(work.file(kPrivateOutput), out);
+    if (!moved.empty()) {
+        std::fprintf(stderr, "kavo convert: cannot write '%s': %s\n", out.c_str(), moved.c_str());
+        return kExitFailed;
+    }
+    return kExitOk;
+}
+
+}  // namespace kavocli

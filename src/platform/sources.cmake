@@ -1,0 +1,1 @@
+list(APPEND KAVO_SOURCES platform/platform.cpp platform/report_message.cpp)
