@@ -3,6 +3,8 @@
 // the frame's protected bits. Every byte index wraps modulo kStreamBufferSize.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 
 namespace kavolib {
@@ -30,12 +32,72 @@ struct BitReader {
 // The module-level reader used by the header decode and the granule decoder.
 extern BitReader g_bit_reader;
 
-// The next n bits (0..24), first bit most significant; advances the cursor by n.
+namespace bitstream_detail {
+constexpr std::array<uint32_t, 32> make_masks() {
+    std::array<uint32_t, 32> masks{};
+    for (uint32_t n = 0; n < 32; ++n) masks[n] = (uint32_t{1} << n) - 1u;
+    return masks;
+}
+
+constexpr std::array<uint32_t, 256> make_crc_table() {
+    std::array<uint32_t, 256> table{};
+    for (uint32_t byte = 0; byte < 256; ++byte) {
+        uint32_t reg = byte << 8;
+        for (int bit = 0; bit < 8; ++bit) {
+            reg = (reg & 0x8000u) != 0 ? ((reg << 1) ^ 0x8005u) : (reg << 1);
+        }
+        table[byte] = reg & 0xFFFFu;
+    }
+    return table;
+}
+
+inline int32_t next_index(int32_t index) { return index == kStreamBufferSize - 1 ? 0 : index + 1; }
+}  // namespace bitstream_detail
+
+// mask[n] = 2^n - 1.
+inline constexpr std::array<uint32_t, 32> kBitMask = bitstream_detail::make_masks();
+// Entry i: the byte i shifted, most significant bit first, through a zero register with the
+// generator x^16 + x^15 + x^2 + 1.
+inline constexpr std::array<uint32_t, 256> kCrcTable = bitstream_detail::make_crc_table();
+
+// The next n bits (0..24), first bit most significant; advances the cursor by n. These run
+// for every code word of every granule, so they are inline and touch one byte per 8 bits.
+inline uint32_t bitunp_peek(const BitReader& reader, int n) {
+    const uint8_t* bytes = reader.cursor.buffer;
+    int32_t index = reader.cursor.byte_index;
+    uint32_t acc = bytes[index];
+    int s = reader.cursor.bit_offset + n;
+    while (s >= 8) {
+        index = bitstream_detail::next_index(index);
+        acc = (acc << 8) + bytes[index];
+        s -= 8;
+    }
+    return (acc >> (8 - s)) & kBitMask[static_cast<std::size_t>(n)];
+}
+
 uint32_t bitunp_rj(BitReader& reader, int n);
-// The same value as bitunp_rj(n) without moving the cursor.
-uint32_t bitunp_peek(const BitReader& reader, int n);
-void bitunp_skip(BitReader& reader, int n);
-void bitunp_back(BitReader& reader, int n);
+
+inline void bitunp_skip(BitReader& reader, int n) {
+    int32_t offset = reader.cursor.bit_offset + n;
+    if (offset >= 8) {
+        reader.cursor.byte_index = (reader.cursor.byte_index + offset / 8) % kStreamBufferSize;
+        offset %= 8;
+    }
+    reader.cursor.bit_offset = offset;
+}
+
+inline void bitunp_back(BitReader& reader, int n) {
+    int32_t offset = reader.cursor.bit_offset - n;
+    if (offset < 0) {
+        const int32_t k = (7 - offset) / 8;
+        reader.cursor.byte_index =
+            ((reader.cursor.byte_index - k) % kStreamBufferSize + kStreamBufferSize) %
+            kStreamBufferSize;
+        offset += 8 * k;
+    }
+    reader.cursor.bit_offset = offset;
+}
+
 // Continues the CRC register over count whole bytes from the given position (the cursor does
 // not move). A position that is not byte-aligned is fatal.
 void crc_calc_byte(BitReader& reader, const uint8_t* buffer, int32_t byte_index,

@@ -10,7 +10,8 @@ namespace kavolib {
 
 namespace {
 FILE* g_streams[kMaxStreams] = {};
-}
+EndProcessHook g_end_hook = nullptr;
+}  // namespace
 
 FILE* open_stream(const char* name, const char* mode) {
     int slot = -1;
@@ -73,7 +74,10 @@ int put_word32(int32_t value, FILE* stream) {
 
 int remove_file(const char* name) { return std::remove(name); }
 
+void set_end_process_hook(EndProcessHook hook) { g_end_hook = hook; }
+
 void end_process(int code) {
+    if (g_end_hook != nullptr) g_end_hook(code);
     std::fflush(stdout);
     std::fflush(stderr);
     std::exit(code);

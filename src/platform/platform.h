@@ -41,4 +41,9 @@ int remove_file(const char* name);
 // condition of the library ends here.
 [[noreturn]] void end_process(int code);
 
+// A harness that must survive fatal conditions (the fuzzer) may install a hook that leaves by
+// throwing or jumping; end_process calls it first. A hook that returns is followed by the exit.
+using EndProcessHook = void (*)(int code);
+void set_end_process_hook(EndProcessHook hook);
+
 }  // namespace kavolib
