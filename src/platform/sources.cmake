@@ -1,1 +1,5 @@
-list(APPEND KAVO_SOURCES platform/platform.cpp platform/report_message.cpp)
+if(WIN32)
+  list(APPEND KAVO_SOURCES platform/platform_windows.cpp platform/report_message.cpp)
+else()
+  list(APPEND KAVO_SOURCES platform/platform.cpp platform/report_message.cpp)
+endif()
