@@ -1,10 +1,11 @@
-// Stream registry and runtime services for a POSIX host. The registry is a fixed table, so
-// opening a file allocates nothing of ours beyond what the C library does for the stream.
+// The system-independent part of the platform layer: the registry of the streams the library
+// opens (a fixed table, so opening a file allocates nothing of ours beyond what the C library
+// does for the stream), removal by name and the one way the process ends.
 #include "platform/platform.h"
 
-#include <sys/stat.h>
-
 #include <cstdlib>
+
+#include "platform/platform_internal.h"
 
 namespace kavolib {
 
@@ -35,41 +36,10 @@ int close_stream(FILE* stream) {
     return std::fclose(stream);
 }
 
-int close_all_streams() {
-    int closed = 0;
-    for (FILE*& entry : g_streams) {
-        if (entry != nullptr) {
-            std::fclose(entry);
-            entry = nullptr;
-            ++closed;
-        }
-    }
-    return closed;
-}
-
 int open_stream_count() {
     int count = 0;
     for (FILE* entry : g_streams) count += entry != nullptr ? 1 : 0;
     return count;
-}
-
-long file_length(FILE* stream) {
-    if (stream == nullptr) return -1;
-    // Written data may still sit in the stream's buffer; the length must include it.
-    std::fflush(stream);
-    struct stat info {};
-    if (fstat(fileno(stream), &info) != 0) return -1;
-    return static_cast<long>(info.st_size);
-}
-
-int put_word32(int32_t value, FILE* stream) {
-    const auto bits = static_cast<uint32_t>(value);
-    const unsigned char bytes[4] = {
-        static_cast<unsigned char>(bits & 0xFFu), static_cast<unsigned char>((bits >> 8) & 0xFFu),
-        static_cast<unsigned char>((bits >> 16) & 0xFFu),
-        static_cast<unsigned char>((bits >> 24) & 0xFFu)};
-    if (std::fwrite(bytes, 1, 4, stream) != 4) return EOF;
-    return value;
 }
 
 int remove_file(const char* name) { return std::remove(name); }
@@ -82,5 +52,25 @@ void end_process(int code) {
     std::fflush(stderr);
     std::exit(code);
 }
+
+namespace platform_internal {
+
+int close_registered_streams() {
+    int closed = 0;
+    for (FILE*& entry : g_streams) {
+        if (entry != nullptr) {
+            std::fclose(entry);
+            entry = nullptr;
+            ++closed;
+        }
+    }
+    return closed;
+}
+
+void forget_registered_streams() {
+    for (FILE*& entry : g_streams) entry = nullptr;
+}
+
+}  // namespace platform_internal
 
 }  // namespace kavolib

@@ -1,5 +1,6 @@
+list(APPEND KAVO_SOURCES platform/platform.cpp platform/report_message.cpp)
 if(WIN32)
-  list(APPEND KAVO_SOURCES platform/platform_windows.cpp platform/report_message.cpp)
+  list(APPEND KAVO_SOURCES platform/platform_windows.cpp)
 else()
-  list(APPEND KAVO_SOURCES platform/platform.cpp platform/report_message.cpp)
+  list(APPEND KAVO_SOURCES platform/platform_posix.cpp)
 endif()
