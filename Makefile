@@ -4,7 +4,7 @@
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 DEMO_MP3 := tests/fixtures/speech_mono_22k.mp3
 
-.PHONY: all release debug test asan bench demo clean
+.PHONY: all release debug test asan bench demo windows clean
 
 all: release
 
@@ -35,5 +35,11 @@ demo: release
 	@echo "  demo.adpcm  $$(stat -c %s demo.adpcm) bytes of 4-bit ADPCM (8000 Hz, 32 kbit/s)"
 	@echo "  demo.wav    $$(stat -c %s demo.wav) bytes: the ADPCM expanded again, for listening"
 
+# kavo.dll (with libkavo.dll.a and src/kavo.def) and its test host, cross-built with mingw-w64.
+windows:
+	cmake -S . -B build-windows -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake \
+	      -DCMAKE_BUILD_TYPE=Release >/dev/null
+	cmake --build build-windows -j $(JOBS)
+
 clean:
-	rm -rf build build-debug build-asan demo.adpcm demo.wav
+	rm -rf build build-debug build-asan build-windows demo.adpcm demo.wav
