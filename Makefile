@@ -4,7 +4,7 @@
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 DEMO_MP3 := tests/fixtures/speech_mono_22k.mp3
 
-.PHONY: all release debug test asan bench demo windows clean
+.PHONY: all release debug test asan bench demo windows windows-test clean
 
 all: release
 
@@ -40,6 +40,10 @@ windows:
 	cmake -S . -B build-windows -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake \
 	      -DCMAKE_BUILD_TYPE=Release >/dev/null
 	cmake --build build-windows -j $(JOBS)
+
+# The DLL under Wine against the Linux build: same output bytes, same progress, same files left.
+windows-test: release windows
+	bash tests/windows/run_wine_test.sh
 
 clean:
 	rm -rf build build-debug build-asan build-windows demo.adpcm demo.wav
