@@ -107,12 +107,14 @@ int cmd_encode(const std::string& in, const std::string& out, float gain) {
     // 80 bytes for every whole frame of 320 sample bytes; anything else means a failed write.
     const long long expected = bytes / 320 * 80;
     if (code == 0 && size_of(work.file(kPrivateOutput)) != expected) {
-        std::fprintf(stderr, "kavo encode: writing the output failed (disk full?); '%s' was not written\n",
+        std::fprintf(stderr,
+                     "kavo encode: writing the output failed (disk full?); '%s' was not written\n",
                      out.c_str());
         return kExitFailed;
     }
     if (code != 0) {
-        std::fprintf(stderr, "kavo encode: encoding '%s' failed (exit code %d); '%s' was not written\n",
+        std::fprintf(stderr,
+                     "kavo encode: encoding '%s' failed (exit code %d); '%s' was not written\n",
                      in.c_str(), code, out.c_str());
         return kExitFailed;
     }

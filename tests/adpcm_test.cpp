@@ -44,7 +44,8 @@ struct Lcg {
 Samples sine(size_t n, double freq, double amp) {
     Samples out(n);
     for (size_t i = 0; i < n; ++i) {
-        out[i] = static_cast<int16_t>(std::lround(amp * std::sin(2 * M_PI * freq * double(i) / 8000.0)));
+        out[i] =
+            static_cast<int16_t>(std::lround(amp * std::sin(2 * M_PI * freq * double(i) / 8000.0)));
     }
     return out;
 }
@@ -91,12 +92,14 @@ std::string wav(const std::string& body, uint32_t data_size, uint32_t rate = 800
     return h + body;
 }
 
-std::string wav(const Samples& s) { return wav(pcm_bytes(s), uint32_t(s.size() * 2)); }
+std::string wav(const Samples& s) {
+    return wav(pcm_bytes(s), uint32_t(s.size() * 2));
+}
 
 // Runs the stage with the test's temporary directory as the current one (the stage keeps its
 // data copy there), then returns to where the test program was.
 class InDir {
-public:
+  public:
     explicit InDir(const std::string& dir) {
         if (getcwd(old_, sizeof old_) == nullptr) old_[0] = '\0';
         EXPECT_EQ(chdir(dir.c_str()), 0);
@@ -107,7 +110,7 @@ public:
         }
     }
 
-private:
+  private:
     char old_[4096];
 };
 
@@ -165,7 +168,9 @@ struct SequenceCase {
     std::vector<int> codes;
 };
 
-void PrintTo(const SequenceCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const SequenceCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class AdpcmSequence : public testing::TestWithParam<SequenceCase> {};
 
@@ -206,7 +211,9 @@ struct RangeCase {
     Samples input;
 };
 
-void PrintTo(const RangeCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const RangeCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class AdpcmRanges : public testing::TestWithParam<RangeCase> {};
 
@@ -236,13 +243,19 @@ struct PlainCoder {
     int64_t yl = 34816, yu = 544, ap = 0, dms = 0, dml = 0, a1 = 0, a2 = 0, td = 0;
     int64_t b[7] = {}, dq[7] = {}, sr1 = 0, sr2 = 0, pk1 = 0, pk2 = 0;
 
-    static int64_t w16(int64_t v) { return static_cast<int16_t>(static_cast<uint16_t>(v & 0xFFFF)); }
-    static int64_t w32(int64_t v) { return static_cast<int32_t>(static_cast<uint32_t>(v & 0xFFFFFFFF)); }
+    static int64_t w16(int64_t v) {
+        return static_cast<int16_t>(static_cast<uint16_t>(v & 0xFFFF));
+    }
+    static int64_t w32(int64_t v) {
+        return static_cast<int32_t>(static_cast<uint32_t>(v & 0xFFFFFFFF));
+    }
     static int64_t lim(int64_t v, int64_t lo, int64_t hi) { return v < lo ? lo : v > hi ? hi : v; }
 
     int encode(int64_t sl) {
-        static const int64_t DQLN[16] = {-2048, 4, 135, 213, 273, 323, 373, 425, 425, 373, 323, 273, 213, 135, 4, -2048};
-        static const int64_t WI[16] = {-12, 18, 41, 64, 112, 198, 355, 1122, 1122, 355, 198, 112, 64, 41, 18, -12};
+        static const int64_t DQLN[16] = {-2048, 4,   135, 213, 273, 323, 373, 425,
+                                         425,   373, 323, 273, 213, 135, 4,   -2048};
+        static const int64_t WI[16] = {-12,  18,  41,  64,  112, 198, 355, 1122,
+                                       1122, 355, 198, 112, 64,  41,  18,  -12};
         static const int64_t FI[16] = {0, 0, 0, 1, 1, 1, 3, 7, 7, 3, 1, 1, 1, 0, 0, 0};
         int64_t S = 0;
         for (int k = 1; k <= 6; ++k) S = w32(S + b[k] * dq[k]);
@@ -260,7 +273,14 @@ struct PlainCoder {
         if (m == 0) e = 0;
         const int64_t mant = ((w16(m) * 128) >> e) & 127;
         const int64_t dln = w16(e * 128 + mant - (y >> 2));
-        int I = dln < -124 ? 15 : dln < 80 ? 1 : dln < 178 ? 2 : dln < 246 ? 3 : dln < 300 ? 4 : dln < 349 ? 5 : dln < 400 ? 6 : 7;
+        int I = dln < -124  ? 15
+                : dln < 80  ? 1
+                : dln < 178 ? 2
+                : dln < 246 ? 3
+                : dln < 300 ? 4
+                : dln < 349 ? 5
+                : dln < 400 ? 6
+                            : 7;
         if (d < 0 && I != 15) I = 15 - I;
         const int64_t dql = w16(DQLN[I] + (y >> 2));
         const int64_t dqmag = dql < 0 ? 0 : ((128 + (dql & 127)) * 128) >> (14 - ((dql >> 7) & 15));
@@ -280,15 +300,20 @@ struct PlainCoder {
         const int64_t a2t = lim(w16(a2 - (a2 >> 7) + u), -12288, 12288);
         const int64_t g = p0 ? 0 : pk0 != pk1 ? -192 : 192;
         int64_t a1t = w16(a1 - (a1 >> 8) + g);
-        if (a1t < a2t - 15360) a1t = a2t - 15360;
-        else if (a1t >= 15360 - a2t) a1t = 15360 - a2t;
+        if (a1t < a2t - 15360)
+            a1t = a2t - 15360;
+        else if (a1t >= 15360 - a2t)
+            a1t = 15360 - a2t;
         for (int k = 1; k <= 6; ++k) {
             const int64_t h = dq0 == 0 ? 0 : ((dq[k] >> 15) & 1) != ((dq0 >> 15) & 1) ? -128 : 128;
             b[k] = tr ? 0 : w16(b[k] - (b[k] >> 8) + h);
         }
         a2 = tr ? 0 : a2t;
         a1 = tr ? 0 : a1t;
-        pk2 = pk1; pk1 = pk0; sr2 = sr1; sr1 = sr;
+        pk2 = pk1;
+        pk1 = pk0;
+        sr2 = sr1;
+        sr1 = sr;
         for (int k = 6; k > 1; --k) dq[k] = dq[k - 1];
         dq[1] = dq0;
         const int64_t tdp = a2t < -11776 ? 1 : 0;
@@ -296,7 +321,8 @@ struct PlainCoder {
         dms = w16(dms + ((FI[I] * 512 - dms) >> 5));
         dml = w16(dml + ((FI[I] * 2048 - dml) >> 7));
         const int64_t spread = 4 * dms - dml;
-        const int64_t ax = (y < 1536 || w16(spread < 0 ? -spread : spread) >= (dml >> 3) || tdp) ? 1 : 0;
+        const int64_t ax =
+            (y < 1536 || w16(spread < 0 ? -spread : spread) >= (dml >> 3) || tdp) ? 1 : 0;
         ap = tr ? 256 : w16(ap + ((ax * 512 - ap) >> 4));
         return I;
     }
@@ -424,7 +450,9 @@ TEST(ApplyGain, TruncatesTowardZeroAndWrapsInSixteenBits) {
         float gain;
         int16_t out;
     };
-    const auto low16 = [](int64_t v) { return static_cast<int16_t>(static_cast<uint16_t>(v & 0xFFFF)); };
+    const auto low16 = [](int64_t v) {
+        return static_cast<int16_t>(static_cast<uint16_t>(v & 0xFFFF));
+    };
     const float inf = std::numeric_limits<float>::infinity();
     const Case cases[] = {
         {1000, 1.0f, 1000},
@@ -437,7 +465,7 @@ TEST(ApplyGain, TruncatesTowardZeroAndWrapsInSixteenBits) {
         {100, 1e9f, low16(100 * static_cast<int64_t>(1e9f))},
         {-7, 3e11f, low16(-7 * static_cast<int64_t>(3e11f))},
         {-7, 1e12f, 0},  // the float nearest 1e12 is a multiple of 65536
-        {3, 1e30f, 0},  // an integer of 2^99 and more has no low bits set
+        {3, 1e30f, 0},   // an integer of 2^99 and more has no low bits set
         {5, inf, 0},
         {5, std::nanf(""), 0},
     };
@@ -487,7 +515,9 @@ struct LengthCase {
     int extra_bytes;
 };
 
-void PrintTo(const LengthCase& c, std::ostream* os) { *os << c.frames << " frames + " << c.extra_bytes << " bytes"; }
+void PrintTo(const LengthCase& c, std::ostream* os) {
+    *os << c.frames << " frames + " << c.extra_bytes << " bytes";
+}
 
 class AdpcmFileLength : public testing::TestWithParam<LengthCase> {};
 
@@ -543,7 +573,9 @@ struct ProgressCase {
     std::vector<int32_t> values;
 };
 
-void PrintTo(const ProgressCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const ProgressCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class AdpcmProgress : public testing::TestWithParam<ProgressCase> {};
 
@@ -552,7 +584,8 @@ TEST_P(AdpcmProgress, ReportsAfterFramesOneFourSeven) {
     const size_t body = c.riff ? c.file_bytes - 44 : c.file_bytes;
     const std::string samples = pcm_bytes(sine(body / 2, 300.0, 5000.0));
     g_calls.clear();
-    encode_bytes(c.riff ? wav(samples, uint32_t(samples.size())) : samples, 1.0f, record_call, 4242);
+    encode_bytes(c.riff ? wav(samples, uint32_t(samples.size())) : samples, 1.0f, record_call,
+                 4242);
     std::vector<int32_t> values;
     for (const auto& call : g_calls) {
         EXPECT_EQ(call[0], 4242);
@@ -607,7 +640,8 @@ TEST_F(AdpcmFileDeathTest, UnopenableFilesEndTheProcessWithStatusOne) {
                 testing::ExitedWithCode(1), "");
     // The data copy cannot be created when a directory has its name.
     ASSERT_EQ(mkdir("ZUTMP.TM1", 0755), 0);
-    EXPECT_EXIT(adpcm_encode_file("in.wav", "out", 1.0f, nullptr, 0), testing::ExitedWithCode(1), "");
+    EXPECT_EXIT(adpcm_encode_file("in.wav", "out", 1.0f, nullptr, 0), testing::ExitedWithCode(1),
+                "");
     rmdir("ZUTMP.TM1");
 }
 
@@ -617,8 +651,8 @@ TEST(CliEncode, RunsTheStageAndLeavesOnlyTheOutput) {
     TempDir dir;
     const Samples s = sine(8000, 440.0, 12000.0);
     write_file(dir.file("in.wav"), wav(s));
-    const auto run = run_process({KAVO_CLI_PATH, "encode", "in.wav", "out.adpcm", "--gain", "0.5"},
-                                 dir.path());
+    const auto run =
+        run_process({KAVO_CLI_PATH, "encode", "in.wav", "out.adpcm", "--gain", "0.5"}, dir.path());
     ASSERT_EQ(run.exit_code, 0) << run.err;
     EXPECT_EQ(dir.entries(), (std::vector<std::string>{"in.wav", "out.adpcm"}));
     EXPECT_EQ(read_file(dir.file("out.adpcm")), encode_bytes(wav(s), 0.5f));
@@ -647,8 +681,8 @@ TEST(CliEncode, RefusesWhatTheStageCannotEncodeAndKeepsOut) {
         EXPECT_EQ(run.exit_code, 1) << c.file;
         EXPECT_NE(run.err.find(c.says), std::string::npos) << run.err;
     }
-    const auto nan = run_process({KAVO_CLI_PATH, "encode", "cd.wav", "out.adpcm", "--gain", "nan"},
-                                 dir.path());
+    const auto nan =
+        run_process({KAVO_CLI_PATH, "encode", "cd.wav", "out.adpcm", "--gain", "nan"}, dir.path());
     EXPECT_EQ(nan.exit_code, 2);
     EXPECT_EQ(read_file(dir.file("out.adpcm")), "keep me");
 }
@@ -671,8 +705,11 @@ TEST(CliExpand, GivesAnEightKilohertzWavOfTheEncodersReconstruction) {
     const std::string codes = read_file(dir.file("x.adpcm"));
     write_file(dir.file("odd.adpcm"), codes.substr(0, 81));
     write_file(dir.file("empty.adpcm"), "");
-    ASSERT_EQ(run_process({KAVO_CLI_PATH, "expand", "odd.adpcm", "odd.wav"}, dir.path()).exit_code, 0);
-    ASSERT_EQ(run_process({KAVO_CLI_PATH, "expand", "empty.adpcm", "empty.wav"}, dir.path()).exit_code, 0);
+    ASSERT_EQ(run_process({KAVO_CLI_PATH, "expand", "odd.adpcm", "odd.wav"}, dir.path()).exit_code,
+              0);
+    ASSERT_EQ(
+        run_process({KAVO_CLI_PATH, "expand", "empty.adpcm", "empty.wav"}, dir.path()).exit_code,
+        0);
     const Samples odd = pcm_samples(read_file(dir.file("odd.wav")), 44);
     const Samples all = pcm_samples(out, 44);
     EXPECT_EQ(odd, Samples(all.begin(), all.begin() + 162));
@@ -699,7 +736,8 @@ TEST(AdpcmInterop, SpeechThroughAnIndependentDecoder) {
                  "leave a message after the tone, and we will call you back as soon as possible.'")
                   .exit_code,
               0);
-    ASSERT_EQ(sh("ffmpeg -v error -y -i speech.wav -ar 8000 -ac 1 -f s16le speech.raw").exit_code, 0);
+    ASSERT_EQ(sh("ffmpeg -v error -y -i speech.wav -ar 8000 -ac 1 -f s16le speech.raw").exit_code,
+              0);
     const std::string kavo = KAVO_CLI_PATH;
     ASSERT_EQ(sh(kavo + " encode speech.raw ours.adpcm").exit_code, 0);
     ASSERT_EQ(sh(kavo + " encode --gain 0.25 speech.raw quarter.adpcm").exit_code, 0);
@@ -709,7 +747,9 @@ TEST(AdpcmInterop, SpeechThroughAnIndependentDecoder) {
     ASSERT_EQ(sh(dec + "ours.adpcm -f s16le ours_ff.raw").exit_code, 0);
     ASSERT_EQ(sh(dec + "quarter.adpcm -f s16le quarter_ff.raw").exit_code, 0);
     ASSERT_EQ(sh("ffmpeg -v error -y -f s16le -ar 8000 -ac 1 -i speech.raw -c:a g726le "
-                 "-code_size 4 -f g726le ff.adpcm").exit_code, 0);
+                 "-code_size 4 -f g726le ff.adpcm")
+                  .exit_code,
+              0);
     ASSERT_EQ(sh(dec + "ff.adpcm -f s16le ff_ff.raw").exit_code, 0);
 
     const Samples x = pcm_samples(read_file(dir.file("speech.raw")));
@@ -729,9 +769,10 @@ TEST(AdpcmInterop, SpeechThroughAnIndependentDecoder) {
     // independent decoder's samples are exactly 4 times ours.
     const Samples quarter_expand = pcm_samples(read_file(dir.file("quarter.wav")), 44);
     for (size_t i = 0; i < 64; ++i) ASSERT_EQ(quarter_ff[i], 4 * quarter_expand[i]) << i;
-    std::printf("SNR on speech: kavo expand %.2f dB; independent decoder: gain 1 %.2f dB, "
-                "gain 0.25 %.2f dB; its own round trip %.2f dB\n",
-                snr_expand, snr_ours_ff, snr_quarter_ff, snr_ff);
+    std::printf(
+        "SNR on speech: kavo expand %.2f dB; independent decoder: gain 1 %.2f dB, "
+        "gain 0.25 %.2f dB; its own round trip %.2f dB\n",
+        snr_expand, snr_ours_ff, snr_quarter_ff, snr_ff);
     EXPECT_GT(snr_expand, 15.0);
     EXPECT_GT(snr_quarter_ff, 6.0);
     EXPECT_GT(snr_ff, 18.0);

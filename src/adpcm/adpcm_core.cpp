@@ -28,7 +28,9 @@ struct Estimate {
     int16_t y;    // the quantizer scale factor
 };
 
-inline int32_t product(int16_t a, int16_t b) { return int32_t{a} * int32_t{b}; }
+inline int32_t product(int16_t a, int16_t b) {
+    return int32_t{a} * int32_t{b};
+}
 
 inline Estimate estimate(const AdpcmState& s) {
     // The sum of the eight products wraps in 32 bits, like the accumulator it models.
@@ -55,7 +57,9 @@ inline int16_t reconstruct(int code, int16_t y) {
     return wrap16(code >= 8 ? -dqmag : dqmag);
 }
 
-inline int16_t clamp16(int16_t v, int16_t lo, int16_t hi) { return v < lo ? lo : v > hi ? hi : v; }
+inline int16_t clamp16(int16_t v, int16_t lo, int16_t hi) {
+    return v < lo ? lo : v > hi ? hi : v;
+}
 
 // Adapts the scale factors, the predictor and the speed control after code I with the
 // quantized difference dq; returns the reconstructed sample. The order of the steps matters:

@@ -11,14 +11,14 @@ namespace kavolib {
 // The coder's adaptive state. Every field but yl holds a signed 16-bit value; the names are
 // those of G.726. b[k - 1] and dq[k - 1] are the Recommendation's bk and dqk (k = 1..6).
 struct AdpcmState {
-    int32_t yl;      // slow (locked) scale factor, 64 times the scale of yu
-    int16_t yu;      // fast (unlocked) scale factor, 544..5120
-    int16_t ap;      // speed control, 0..512
-    int16_t dms;     // short-term average of F(I)
-    int16_t dml;     // long-term average of F(I)
-    int16_t a1, a2;  // pole coefficients, 16384 = 1.0
-    int16_t b[6];    // zero coefficients, 16384 = 1.0
-    int16_t dq[6];   // the last six quantized differences, dq[0] the most recent
+    int32_t yl;        // slow (locked) scale factor, 64 times the scale of yu
+    int16_t yu;        // fast (unlocked) scale factor, 544..5120
+    int16_t ap;        // speed control, 0..512
+    int16_t dms;       // short-term average of F(I)
+    int16_t dml;       // long-term average of F(I)
+    int16_t a1, a2;    // pole coefficients, 16384 = 1.0
+    int16_t b[6];      // zero coefficients, 16384 = 1.0
+    int16_t dq[6];     // the last six quantized differences, dq[0] the most recent
     int16_t sr1, sr2;  // the last two reconstructed samples, sr1 the most recent
     int16_t pk1, pk2;  // sign (1 = negative) of the last two values of dq + sez
     int16_t td;        // tone detect flag

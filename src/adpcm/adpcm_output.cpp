@@ -39,7 +39,8 @@ FILE* copy_wav_data(FILE* in) {
     std::fseek(in, 40, SEEK_SET);
     std::fread(size, 1, 4, in);  // a header cut short leaves the missing bytes at 0
     uint32_t remaining = static_cast<uint32_t>(size[0]) | static_cast<uint32_t>(size[1]) << 8 |
-                         static_cast<uint32_t>(size[2]) << 16 | static_cast<uint32_t>(size[3]) << 24;
+                         static_cast<uint32_t>(size[2]) << 16 |
+                         static_cast<uint32_t>(size[3]) << 24;
     unsigned char buffer[8192];
     while (remaining > 0) {
         const size_t want = remaining < sizeof buffer ? remaining : sizeof buffer;
@@ -100,8 +101,8 @@ void adpcm_encode_file(const char* inPath, const char* outPath, float gain,
     // A trailing partial frame is not coded.
     while (std::fread(bytes, 1, sizeof bytes, in) == sizeof bytes) {
         for (int i = 0; i < kAdpcmFrameSamples; ++i) {
-            frame[i] = static_cast<int16_t>(
-                static_cast<uint16_t>(bytes[2 * i] | (bytes[2 * i + 1] << 8)));
+            frame[i] =
+                static_cast<int16_t>(static_cast<uint16_t>(bytes[2 * i] | (bytes[2 * i + 1] << 8)));
         }
         apply_gain(frame, kAdpcmFrameSamples, gain);
         // Word j = c0 | c1 << 4 | c2 << 8 | c3 << 12, written low byte first.
