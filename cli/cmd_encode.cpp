@@ -1,14 +1,155 @@
-// kavo encode and kavo expand: not in this build yet.
+// kavo encode: the ADPCM output stage on an 8000 Hz WAV or raw 16-bit file, run in a child
+// process inside a private directory (the stage keeps a fixed temporary name in its current
+// directory and ends its process on failure); only the finished output is moved to OUT.
+// kavo expand: packed codes back to an 8000 Hz WAV for listening.
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "adpcm/adpcm_expand.h"
+#include "adpcm/adpcm_output.h"
 #include "commands.h"
+#include "workdir.h"
 
 namespace kavocli {
 
-int cmd_encode(const std::string&, const std::string&, float) {
-    return not_built("encode", "the ADPCM encoder");
+namespace {
+
+constexpr const char* kPrivateOutput = "output.adpcm";
+
+uint32_t le32(const unsigned char* p) {
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
 }
 
-int cmd_expand(const std::string&, const std::string&) {
-    return not_built("expand", "the ADPCM decoder");
+uint32_t le16(const unsigned char* p) {
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8;
+}
+
+long long size_of(const std::string& path) {
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) return -1;
+    std::fseek(f, 0, SEEK_END);
+    const long long size = std::ftell(f);
+    std::fclose(f);
+    return size;
+}
+
+// What the stage will take from the input: the number of sample bytes it can read, or -1 with
+// a reason when a RIFF file is not the plain 8000 Hz mono 16-bit WAV the stage understands
+// (it reads the data size at byte 40 and the samples from byte 44).
+long long sample_bytes(const std::string& path, std::string& why) {
+    const long long size = size_of(path);
+    unsigned char h[44] = {};
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr || size < 0) {
+        if (f != nullptr) std::fclose(f);
+        why = "cannot measure it";
+        return -1;
+    }
+    const size_t got = std::fread(h, 1, sizeof h, f);
+    std::fclose(f);
+    if (got < 4 || std::memcmp(h, "RIFF", 4) != 0) return size;  // raw samples from byte 0
+    char found[160];
+    if (got < 44 || std::memcmp(h + 8, "WAVEfmt ", 8) != 0 || le32(h + 16) != 16 ||
+        std::memcmp(h + 36, "data", 4) != 0) {
+        why = "it is a RIFF file without the plain 44-byte WAV header (fmt of 16 bytes, then data)";
+        return -1;
+    }
+    if (le16(h + 20) != 1 || le16(h + 22) != 1 || le32(h + 24) != 8000 || le16(h + 34) != 16) {
+        std::snprintf(found, sizeof found,
+                      "it is not 8000 Hz mono 16-bit PCM (format %u, %u channels, %u Hz, %u bits);"
+                      " kavo mix and kavo resample make it so",
+                      le16(h + 20), le16(h + 22), le32(h + 24), le16(h + 34));
+        why = found;
+        return -1;
+    }
+    const long long declared = le32(h + 40);
+    const long long present = size - 44;
+    if (declared != present) {
+        std::fprintf(stderr,
+                     "kavo encode: note: the header declares %lld data bytes and %lld follow it;"
+                     " %lld are encoded\n",
+                     declared, present, declared < present ? declared : present);
+    }
+    return declared < present ? declared : present;
+}
+
+}  // namespace
+
+int cmd_encode(const std::string& in, const std::string& out, float gain) {
+    if (!std::isfinite(gain)) {
+        std::fprintf(stderr, "kavo encode: the gain must be a finite number\n");
+        return kExitUsage;
+    }
+    std::string why;
+    if (!readable(in, why)) {
+        std::fprintf(stderr, "kavo encode: cannot read '%s': %s\n", in.c_str(), why.c_str());
+        return kExitFailed;
+    }
+    const long long bytes = sample_bytes(in, why);
+    if (bytes < 0) {
+        std::fprintf(stderr, "kavo encode: cannot encode '%s': %s\n", in.c_str(), why.c_str());
+        return kExitFailed;
+    }
+    PrivateDir work;
+    if (!work.ok()) {
+        std::fprintf(stderr, "kavo encode: cannot create a private working directory\n");
+        return kExitFailed;
+    }
+    const std::string input = absolute_path(in);
+    const int code = run_in_child(work.path(), [&]() {
+        kavolib::adpcm_encode_file(input.c_str(), kPrivateOutput, gain, nullptr, 0);
+        return 0;
+    });
+    // 80 bytes for every whole frame of 320 sample bytes; anything else means a failed write.
+    const long long expected = bytes / 320 * 80;
+    if (code == 0 && size_of(work.file(kPrivateOutput)) != expected) {
+        std::fprintf(stderr,
+                     "kavo encode: writing the output failed (disk full?); '%s' was not written\n",
+                     out.c_str());
+        return kExitFailed;
+    }
+    if (code != 0) {
+        std::fprintf(stderr,
+                     "kavo encode: encoding '%s' failed (exit code %d); '%s' was not written\n",
+                     in.c_str(), code, out.c_str());
+        return kExitFailed;
+    }
+    const std::string moved = move_file(work.file(kPrivateOutput), out);
+    if (!moved.empty()) {
+        std::fprintf(stderr, "kavo encode: cannot write '%s': %s\n", out.c_str(), moved.c_str());
+        return kExitFailed;
+    }
+    return kExitOk;
+}
+
+int cmd_expand(const std::string& in, const std::string& out) {
+    std::string why;
+    if (!readable(in, why)) {
+        std::fprintf(stderr, "kavo expand: cannot read '%s': %s\n", in.c_str(), why.c_str());
+        return kExitFailed;
+    }
+    PrivateDir work;
+    if (!work.ok()) {
+        std::fprintf(stderr, "kavo expand: cannot create a private working directory\n");
+        return kExitFailed;
+    }
+    const std::string result = work.file("output.wav");
+    const std::string failure = kavolib::adpcm_expand_file(in.c_str(), result.c_str());
+    if (!failure.empty()) {
+        std::fprintf(stderr, "kavo expand: cannot expand '%s': %s; '%s' was not written\n",
+                     in.c_str(), failure.c_str(), out.c_str());
+        return kExitFailed;
+    }
+    const std::string moved = move_file(result, out);
+    if (!moved.empty()) {
+        std::fprintf(stderr, "kavo expand: cannot write '%s': %s\n", out.c_str(), moved.c_str());
+        return kExitFailed;
+    }
+    return kExitOk;
 }
 
 }  // namespace kavocli

@@ -1,0 +1,48 @@
+// The 32 kbit/s adaptive differential coder: one 16-bit sample in, one 4-bit code out, with
+// the adaptive quantizer (fast and slow scale factors, speed control) and the two-pole,
+// six-zero adaptive predictor with tone and transition detection. The decoder direction runs
+// the very same adaptation from a received code, so both ends keep identical states.
+#pragma once
+
+#include <cstdint>
+
+namespace kavolib {
+
+// The coder's adaptive state. Every field but yl holds a signed 16-bit value; the names are
+// those of G.726. b[k - 1] and dq[k - 1] are the Recommendation's bk and dqk (k = 1..6).
+struct AdpcmState {
+    int32_t yl;        // slow (locked) scale factor, 64 times the scale of yu
+    int16_t yu;        // fast (unlocked) scale factor, 544..5120
+    int16_t ap;        // speed control, 0..512
+    int16_t dms;       // short-term average of F(I)
+    int16_t dml;       // long-term average of F(I)
+    int16_t a1, a2;    // pole coefficients, 16384 = 1.0
+    int16_t b[6];      // zero coefficients, 16384 = 1.0
+    int16_t dq[6];     // the last six quantized differences, dq[0] the most recent
+    int16_t sr1, sr2;  // the last two reconstructed samples, sr1 the most recent
+    int16_t pk1, pk2;  // sign (1 = negative) of the last two values of dq + sez
+    int16_t td;        // tone detect flag
+};
+
+// The one state of the process, used by the output stage.
+extern AdpcmState adpcm_state;
+
+// Puts every field to its starting value.
+void adpcm_init(AdpcmState& state);
+
+// Encodes one sample; returns the code 1..15 (0 is never produced) and adapts the state.
+int adpcm_encode_sample(AdpcmState& state, int16_t sl);
+
+// Decodes one code (its low four bits are used); returns the reconstructed sample, which is
+// the sample the encoder reconstructed for the same code, and adapts the state.
+int16_t adpcm_decode_code(AdpcmState& state, int code);
+
+// 14 for 0, 0 for a negative x, else the number of left shifts bringing x to 16384 or above.
+int norm_shift(int16_t x);
+
+// The low 16 bits of v as a signed value: the "(16)" reductions of the coder.
+constexpr int16_t wrap16(int32_t v) {
+    return static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(v) & 0xFFFFu));
+}
+
+}  // namespace kavolib

@@ -1,0 +1,133 @@
+// The ADPCM output stage: reads 8000 Hz samples frame by frame, applies the gain, codes them
+// with the module's coder state and writes the packed codes. A WAV input is first reduced to its
+// sample data through a copy in "ZUTMP.TM1"; anything else is taken as raw samples from byte 0.
+#include "adpcm/adpcm_output.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "adpcm/adpcm_core.h"
+#include "platform/platform.h"
+
+namespace kavolib {
+
+namespace {
+
+[[noreturn]] void fail_stage() {
+    close_all_streams();
+    end_process(1);
+}
+
+// sample x gain, truncated toward zero, low 16 bits. The product of a 16-bit integer and a
+// float is exact in double, so the truncation sees the true product. A product that is not a
+// number or infinite gives 0; a finite one beyond 32 bits keeps the low 16 bits of its integer.
+inline int16_t gained(int16_t sample, double gain) {
+    const double x = static_cast<double>(sample) * gain;
+    if (x > -2147483648.0 && x < 2147483648.0) return wrap16(static_cast<int32_t>(x));
+    if (!std::isfinite(x)) return 0;
+    return wrap16(static_cast<int32_t>(std::fmod(std::trunc(x), 65536.0)));
+}
+
+// Copies the sample data of a WAV input (the size at byte 40, the data from byte 44) into
+// "ZUTMP.TM1" and returns that copy opened for reading. A data size beyond the end of the
+// file copies what is there; missing size bytes count as 0.
+FILE* copy_wav_data(FILE* in) {
+    FILE* copy = open_stream(kAdpcmDataCopyName, "wb");
+    if (copy == nullptr) fail_stage();  // treated like an input that cannot be opened
+    unsigned char size[4] = {0, 0, 0, 0};
+    std::fseek(in, 40, SEEK_SET);
+    std::fread(size, 1, 4, in);  // a header cut short leaves the missing bytes at 0
+    uint32_t remaining = static_cast<uint32_t>(size[0]) | static_cast<uint32_t>(size[1]) << 8 |
+                         static_cast<uint32_t>(size[2]) << 16 |
+                         static_cast<uint32_t>(size[3]) << 24;
+    unsigned char buffer[8192];
+    while (remaining > 0) {
+        const size_t want = remaining < sizeof buffer ? remaining : sizeof buffer;
+        const size_t got = std::fread(buffer, 1, want, in);
+        if (got == 0) break;
+        std::fwrite(buffer, 1, got, copy);
+        remaining -= static_cast<uint32_t>(got);
+    }
+    close_stream(in);
+    close_stream(copy);
+    FILE* reopened = open_stream(kAdpcmDataCopyName, "rb");
+    if (reopened == nullptr) fail_stage();
+    return reopened;
+}
+
+// The percentage reported after p seconds of input out of T, as the stage has always done
+// it: single-precision p and T and constants, the expression in double, truncated.
+int32_t progress_percent(float p, float T) {
+    const double value = static_cast<double>(p) / static_cast<double>(T) *
+                             static_cast<double>(100.0f) * static_cast<double>(0.2f) +
+                         static_cast<double>(80.0f);
+    return static_cast<int32_t>(value);
+}
+
+}  // namespace
+
+void apply_gain(int16_t* samples, int16_t count, float gain) {
+    const double g = gain;
+    for (int i = 0; i < count; ++i) samples[i] = gained(samples[i], g);
+}
+
+void adpcm_encode_file(const char* inPath, const char* outPath, float gain,
+                       ProgressCallback callback, int32_t user) {
+    // The output is only created once the input is known to open.
+    FILE* in = open_stream(inPath, "rb");
+    if (in == nullptr) fail_stage();
+    FILE* out = open_stream(outPath, "wb");
+    if (out == nullptr) fail_stage();
+
+    // The input's length in seconds at 16000 bytes per second, header included.
+    const float T = static_cast<float>(static_cast<double>(file_length(in)) * 6.25e-5);
+
+    unsigned char magic[4] = {0, 0, 0, 0};
+    if (std::fread(magic, 1, 4, in) == 4 && std::memcmp(magic, "RIFF", 4) == 0) {
+        in = copy_wav_data(in);
+    } else {
+        std::fseek(in, 0, SEEK_SET);
+    }
+
+    AdpcmState& state = adpcm_state;
+    adpcm_init(state);
+    float p = 0.02f;
+    int frame_counter = 3;
+
+    unsigned char bytes[2 * kAdpcmFrameSamples];
+    int16_t frame[kAdpcmFrameSamples];
+    unsigned char packed[2 * kAdpcmFrameWords];
+    // A trailing partial frame is not coded.
+    while (std::fread(bytes, 1, sizeof bytes, in) == sizeof bytes) {
+        for (int i = 0; i < kAdpcmFrameSamples; ++i) {
+            frame[i] =
+                static_cast<int16_t>(static_cast<uint16_t>(bytes[2 * i] | (bytes[2 * i + 1] << 8)));
+        }
+        apply_gain(frame, kAdpcmFrameSamples, gain);
+        // Word j = c0 | c1 << 4 | c2 << 8 | c3 << 12, written low byte first.
+        for (int j = 0; j < kAdpcmFrameWords; ++j) {
+            const int c0 = adpcm_encode_sample(state, frame[4 * j]);
+            const int c1 = adpcm_encode_sample(state, frame[4 * j + 1]);
+            const int c2 = adpcm_encode_sample(state, frame[4 * j + 2]);
+            const int c3 = adpcm_encode_sample(state, frame[4 * j + 3]);
+            packed[2 * j] = static_cast<unsigned char>(c0 | c1 << 4);
+            packed[2 * j + 1] = static_cast<unsigned char>(c2 | c3 << 4);
+        }
+        std::fwrite(packed, 1, sizeof packed, out);
+
+        // After frames 1, 4, 7, ...: p is then the input consumed, in seconds.
+        if (frame_counter >= 3) {
+            if (callback != nullptr) callback(user, 0, 100, progress_percent(p, T), 1);
+            p = static_cast<float>(static_cast<double>(p) + 0.06);
+            frame_counter = 0;
+        }
+        ++frame_counter;
+    }
+
+    close_stream(in);
+    close_stream(out);
+    remove_file(kAdpcmDataCopyName);  // fails harmlessly when there was no header
+}
+
+}  // namespace kavolib
