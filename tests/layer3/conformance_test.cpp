@@ -114,3 +114,49 @@ TEST(Conformance, LsfIntensityVectorsDecodeCompletely) {
 }
 
 }  // namespace
+
+namespace {
+
+// Malformed streams and randomly corrupted frames: whatever the side information claims, the
+// decoder stays inside its arrays (the sanitizer build checks) and ends every granule.
+TEST(Robustness, MalformedAndCorruptedStreamsDecodeWithoutFault) {
+    for (const char* name : {"nonstandard/l3-nonstandard-big-iscf.bit",
+                             "nonstandard/l3-nonstandard-compl-sideinfo-bigvalues.bit",
+                             "nonstandard/l3-nonstandard-compl-sideinfo-blocktype.bit",
+                             "nonstandard/l3-nonstandard-compl-sideinfo-size.bit",
+                             "nonstandard/l3-nonstandard-sideinfo-size.bit",
+                             "nonstandard/l3-nonstandard-small.bit"}) {
+        const auto file = layer3test::load(std::string(KAVO_SHARED_DIR) + "/conformance/" + name);
+        ASSERT_FALSE(file.empty()) << name;
+        const auto r = layer3test::walk_file(file);
+        EXPECT_EQ(r.samples.size() % 576, 0u) << name;
+    }
+    static unsigned seed = 0;
+    for (const char* name : {"iso11172-4/l3-si_block.bit", "mpeg2-lsf/M2L3_noise.bit",
+                             "iso11172-4/l3-he_mode.bit"}) {
+        const auto file = layer3test::load(std::string(KAVO_SHARED_DIR) + "/conformance/" + name);
+        layer3test::WalkOptions plain;
+        plain.keep_failed = true;
+        const auto clean = layer3test::walk_file(file, plain);
+        for (seed = 1; seed <= 4; ++seed) {
+            layer3test::WalkOptions options;
+            options.keep_failed = true;
+            // Random bytes over the side information and the start of the main data.
+            options.mutate = [](int frame, std::vector<uint8_t>& bytes) {
+                unsigned x = seed * 2654435761u + static_cast<unsigned>(frame) * 40503u;
+                for (int n = 0; n < 6; ++n) {
+                    x = x * 1103515245u + 12345u;
+                    const size_t at = 4 + (x >> 8) % std::min<size_t>(bytes.size() - 4, 60);
+                    bytes[at] = static_cast<uint8_t>(x >> 16);
+                }
+            };
+            const auto r = layer3test::walk_file(file, options);
+            // Every frame's granules come out, decoded or concealed, whatever the damage.
+            EXPECT_EQ(r.frames, clean.frames) << name;
+            EXPECT_EQ(r.samples.size(), clean.samples.size()) << name;
+            EXPECT_GT(r.crc_granules + r.short_granules + r.decoded_granules, 0);
+        }
+    }
+}
+
+}  // namespace
