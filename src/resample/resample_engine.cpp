@@ -164,9 +164,9 @@ int filterBlockTable(const int16_t* input, const int16_t* reversed, int16_t* out
     int count = 0;
     while (timeReg < end && count <= OUTBUFFSIZE) {
         const int i = static_cast<int>(timeReg >> 15);
-        const int32_t left = table.leftSum(reversed + (IBUFFSIZE - 1 - i), timeReg & 0x7FFFu);
-        const int32_t right = table.rightSum(input + i + 1, (0u - timeReg) & 0x7FFFu);
-        output[count++] = filteredSample(left, right, scale);
+        table.prefetch(timeReg + timeStep);
+        const int32_t both = table.sum(reversed + (IBUFFSIZE - 1 - i), input + i + 1, timeReg);
+        output[count++] = filteredSample(both, 0, scale);
         timeReg += timeStep;
     }
     return count;
