@@ -44,7 +44,7 @@ std::string wavBytes(const Samples& interleaved, int channels, uint32_t rate) {
                     le(static_cast<uint32_t>(channels), 2) + le(rate, 4) +
                     le(rate * 2 * static_cast<uint32_t>(channels), 4) +
                     le(2 * static_cast<uint32_t>(channels), 2) + le(16, 2) + "data" + le(data, 4);
-    s.append(reinterpret_cast<const char*>(interleaved.data()), data);
+    if (data > 0) s.append(reinterpret_cast<const char*>(interleaved.data()), data);
     return s;
 }
 
@@ -73,7 +73,7 @@ Wav readWav(const std::string& path) {
     w.blockAlign = static_cast<int16_t>(at32(s, 32) & 0xFFFF);
     w.dataSize = at32(s, 40);
     w.samples.resize((s.size() - 44) / 2);
-    std::memcpy(w.samples.data(), s.data() + 44, w.samples.size() * 2);
+    if (!w.samples.empty()) std::memcpy(w.samples.data(), s.data() + 44, w.samples.size() * 2);
     w.fileSize = s.size();
     return w;
 }
@@ -147,14 +147,16 @@ int32_t recordProgress(int32_t user, int32_t low, int32_t high, int32_t percent,
 // The engine on files: input samples (interleaved) in, output samples out.
 int runEngine(const Samples& in, int nChans, Samples& out, const std::function<int(int)>& call) {
     TempDir dir;
-    write_file(dir.file("in.raw"), std::string(reinterpret_cast<const char*>(in.data()), in.size() * 2));
+    std::string raw(in.size() * 2, '\0');
+    if (!in.empty()) std::memcpy(raw.data(), in.data(), raw.size());
+    write_file(dir.file("in.raw"), raw);
     stageInput = open_stream(dir.file("in.raw").c_str(), "rb");
     stageOutput = open_stream(dir.file("out.raw").c_str(), "wb");
     const int result = call(static_cast<int>(in.size()) / nChans);
     close_all_streams();
     const std::string bytes = read_file(dir.file("out.raw"));
     out.assign(bytes.size() / 2, 0);
-    std::memcpy(out.data(), bytes.data(), out.size() * 2);
+    if (!out.empty()) std::memcpy(out.data(), bytes.data(), out.size() * 2);
     return result;
 }
 
