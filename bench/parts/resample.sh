@@ -3,6 +3,7 @@
 # 10-minute file, best of three runs each, and the ratio of the two.
 set -euo pipefail
 data=$1
+mkdir -p "$data"
 in=$data/tones_44k_mono_10min.wav
 if [ ! -f "$in" ]; then
   sox -n -r 44100 -c 1 -b 16 "$in" synth 600 sine 200-3400 vol 0.5 2>/dev/null
