@@ -1,14 +1,66 @@
-// kavo mix and kavo resample: not in this build yet.
+// kavo mix and kavo resample: one resample stage on a WAV file. The stage runs in a child
+// process inside a private directory, since it works with fixed names in the current
+// directory (the resampler leaves "temp.txt") and ends the process when it fails; only the
+// finished output is moved to the user's OUT.
+#include <cstdio>
+#include <string>
+
 #include "commands.h"
+#include "resample/resample_stages.h"
+#include "workdir.h"
 
 namespace kavocli {
 
-int cmd_mix(const std::string&, const std::string&) {
-    return not_built("mix", "the mix-to-mono stage");
+namespace {
+
+constexpr const char* kPrivateOutput = "output.wav";
+
+int run_stage(const char* command, const std::string& in, const std::string& out,
+              void (*stage)(const char* in, const char* out)) {
+    std::string why;
+    if (!readable(in, why)) {
+        std::fprintf(stderr, "kavo %s: cannot read '%s': %s\n", command, in.c_str(), why.c_str());
+        return kExitFailed;
+    }
+    if (out.empty()) {
+        std::fprintf(stderr, "kavo %s: the output path is empty\n", command);
+        return kExitUsage;
+    }
+    PrivateDir work;
+    if (!work.ok()) {
+        std::fprintf(stderr, "kavo %s: cannot create a private working directory\n", command);
+        return kExitFailed;
+    }
+    const std::string input = absolute_path(in);
+    const int code = run_in_child(work.path(), [&]() {
+        stage(input.c_str(), kPrivateOutput);
+        return 0;
+    });
+    if (code != 0) {
+        std::fprintf(stderr, "kavo %s: conversion of '%s' failed (exit code %d); '%s' was not written\n",
+                     command, in.c_str(), code, out.c_str());
+        return kExitFailed;
+    }
+    const std::string moved = move_file(work.file(kPrivateOutput), out);
+    if (!moved.empty()) {
+        std::fprintf(stderr, "kavo %s: cannot write '%s': %s\n", command, out.c_str(), moved.c_str());
+        return kExitFailed;
+    }
+    return kExitOk;
 }
 
-int cmd_resample(const std::string&, const std::string&) {
-    return not_built("resample", "the 8000 Hz resampler");
+}  // namespace
+
+int cmd_mix(const std::string& in, const std::string& out) {
+    return run_stage("mix", in, out, [](const char* from, const char* to) {
+        kavolib::mix_to_mono(from, to, nullptr, 0);
+    });
+}
+
+int cmd_resample(const std::string& in, const std::string& out) {
+    return run_stage("resample", in, out, [](const char* from, const char* to) {
+        kavolib::resample_to_8k(from, to, 1, nullptr, 0);
+    });
 }
 
 }  // namespace kavocli

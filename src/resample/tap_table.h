@@ -1,0 +1,59 @@
+// The table path of the filter: for each starting position of a wing in the filter table
+// (in units of 1/128 entry) the row of interpolated coefficients that wing uses, computed on
+// first use and then summed against the input with vector instructions. Each tap is rounded
+// on its own before it is added, and 32-bit sums wrap the same in any order, so the result is
+// identical to summing tap by tap.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace kavolib {
+
+class TapTable {
+public:
+    // False when the filter cannot use the table path: an interpolated coefficient outside
+    // 16 bits (possible only in a filter file), or a table that would exceed maxEntries.
+    static bool usable(const int16_t* Coeffs, const int16_t* Differences, uint16_t Length,
+                       int interpCoeffs, uint32_t dh, long maxEntries);
+
+    // dh: the table step per tap in 1/128 entry (32768 when the filter is not stretched).
+    TapTable(const int16_t* Coeffs, const int16_t* Differences, uint16_t Length,
+             int interpCoeffs, uint32_t dh);
+
+    // The sum of both wings for the output at timeReg (input index i = timeReg >> 15):
+    // the left wing read from the reversed buffer at index IBUFFSIZE-1-i (input[i] and
+    // before it), the right wing from input[i + 1] on.
+    int32_t sum(const int16_t* reversedAtI, const int16_t* inputAfterI, uint32_t timeReg);
+
+    // Asks the memory system early for the rows the output at timeReg will use.
+    void prefetch(uint32_t timeReg) const;
+
+    // The sums without vector instructions beyond the compiler's own (for the tests).
+    void usePortableKernel();
+
+    // Taps that one wing can span at most, for any starting position.
+    static int maxTaps(uint16_t Length, uint32_t dh);
+
+private:
+    const int16_t* row(uint32_t start);
+    using Kernel = uint32_t (*)(const int16_t* cl, int wl, const int16_t* xl,
+                                const int16_t* cr, int wr, const int16_t* xr, int n);
+
+    const int16_t* coeffs_;
+    const int16_t* differences_;
+    uint16_t length_;
+    int interp_;
+    uint32_t dh_;
+    int rowLen_;  // maxTaps rounded up to whole vectors; entries past a row's taps are 0
+    // Per row: the leading whole vectors holding a coefficient of 2^14 or more in magnitude
+    // are stored as is; the rest are stored doubled for the narrow sum.
+    std::vector<int16_t> rows_;
+    std::vector<uint16_t> wide_;
+    std::vector<uint16_t> countLeft_;   // taps with table index below Length
+    std::vector<uint16_t> countRight_;  // taps with table index below Length - 1
+    std::vector<uint8_t> filled_;
+    Kernel kernel_;
+};
+
+}  // namespace kavolib
