@@ -1,1 +1,1 @@
-list(APPEND KAVO_SOURCES)
+list(APPEND KAVO_SOURCES layer3/provisional_layer3.cpp)
