@@ -314,26 +314,18 @@ TEST_F(SyncFixture, GarbageBeforeTheFramesCostsTheFirstFrameAfterIt) {
     EXPECT_EQ(frames.back().bytes_read_after, static_cast<int64_t>(garbage.size() + mp3.size()));
 }
 
-TEST_F(SyncFixture, Id3v2TagIsSkippedAndOnlyGenuineFramesComeOut) {
-    const std::string wav = dir.file("t.wav");
-    const std::string tagged = kavotest::read_file(kavotest::lame_encode(
-        dir.path(), wav, "tag.mp3", 128,
-        {"-t", "--add-id3v2", "--id3v2-only", "--tt", "tone", "--ta", "kavo tests"}));
-    const size_t tag_size = tagged.size() - mp3.size();
-    ASSERT_EQ(tagged.substr(0, 3), "ID3");
-    ASSERT_EQ(tagged.substr(tag_size), mp3);
-    // The tag's UTF-16 byte-order marks (FF FE) read as Layer I headers, and the false frame
-    // runs into the audio, where stray sync patterns can cost a frame more before sync is
-    // confirmed. What comes out must be the real frames from some point to the end.
-    const auto frames = frames_of(tagged);
-    ASSERT_GE(frames.size(), starts.size() - 3);
-    const size_t first = starts.size() - frames.size();
-    for (size_t i = 0; i < frames.size(); ++i) {
-        const size_t k = first + i;
-        const size_t end = k + 1 < starts.size() ? starts[k + 1] : mp3.size();
-        EXPECT_EQ(frames[i].bytes_read_after, static_cast<int64_t>(tag_size + end)) << i;
-        EXPECT_EQ(frames[i].frame_length, static_cast<int32_t>(end - starts[k])) << i;
-    }
+TEST_F(SyncFixture, Id3v2TagIsSkippedLikeAnyNonHeader) {
+    // An ID3v2.3 tag with a Latin-1 title and padding, as taggers write it.
+    std::string frame = std::string("TIT2\0\0\0\x0B\0\0\0", 11) + "kavo tone!";
+    std::string body = frame + std::string(300, '\0');
+    const size_t n = body.size();
+    std::string tag = std::string("ID3\x03\0\0", 6);
+    for (int shift : {21, 14, 7, 0}) tag.push_back(static_cast<char>((n >> shift) & 0x7F));
+    tag += body;
+    const auto frames = frames_of(tag + mp3);
+    ASSERT_EQ(frames.size(), starts.size() - 1);
+    EXPECT_EQ(frames.front().bytes_read_after, static_cast<int64_t>(tag.size() + starts[2]));
+    EXPECT_EQ(frames.back().bytes_read_after, static_cast<int64_t>(tag.size() + mp3.size()));
 }
 
 TEST_F(SyncFixture, FileThatStartsWithAHeaderDeliversItsFirstFrame) {

@@ -21,7 +21,7 @@ void run_or_throw(const std::vector<std::string>& argv) {
 std::string make_tone_wav(const std::string& dir, const std::string& name, int rate, int channels,
                           double seconds) {
     const std::string path = dir + "/" + name;
-    run_or_throw({"/usr/bin/sox", "-n", "-r", std::to_string(rate), "-c", std::to_string(channels),
+    run_or_throw({"/usr/bin/sox", "-R", "-n", "-r", std::to_string(rate), "-c", std::to_string(channels),
                   "-b", "16", path, "synth", std::to_string(seconds), "sine", "200-3000", "vol",
                   "0.5"});
     return path;

@@ -6,7 +6,8 @@
 
 namespace kavotest {
 
-// A tone (sine sweep, so that every frame carries sound) of the given length as a 16-bit WAV.
+// A tone (sine sweep, so that every frame carries sound) of the given length as a 16-bit WAV;
+// the same every time (sox dithers with a fixed seed).
 std::string make_tone_wav(const std::string& dir, const std::string& name, int rate, int channels,
                           double seconds);
 
