@@ -39,6 +39,22 @@ void write_chkmode(int32_t value, bool with_text_digit) {
     close_stream(flag);
 }
 
+// The per-frame flag: "chkmode.txt" holding exactly the 32-bit 0. When it already has its
+// 4 bytes they are overwritten in place: the file ends up the same as after truncating and
+// rewriting it, but without the truncation, which some file systems (ext4) turn into a
+// flush to disk for every frame.
+void write_chkmode_zero() {
+    FILE* flag = open_stream("chkmode.txt", "r+b");
+    if (flag != nullptr && file_length(flag) != 4) {
+        close_stream(flag);
+        flag = nullptr;
+    }
+    if (flag == nullptr) flag = open_stream("chkmode.txt", "wb");
+    if (flag == nullptr) return;
+    put_word32(0, flag);
+    close_stream(flag);
+}
+
 [[noreturn]] void refuse_layer(int32_t layer) {
     if (layer == 1) {
         std::fputs("Layer 1 no support !!!\n", stderr);
@@ -107,7 +123,7 @@ void decode_phase(const char* input, const char* decoded_name, ProgressCallback 
             const int32_t granules = header.granules;
             if (layer != 3) refuse_layer(layer);
 
-            write_chkmode(0, false);
+            write_chkmode_zero();
             int32_t carried_error = 0;
             for (int32_t g = 0; g < granules; ++g) {
                 GranuleJob& job = g_granule_job;
