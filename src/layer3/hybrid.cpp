@@ -1,0 +1,245 @@
+// The inverse hybrid filterbank per channel: alias-reduction butterflies between subbands,
+// then per subband a 36-point IMDCT (or three 12-point ones for short blocks) computed through
+// a 9-point (3-point) complex DFT with pre- and post-rotation, windowed by block type and
+// overlapped with the previous granule. The overlap keeps 9 unwindowed values per subband.
+#include <cstdio>
+
+#include "layer3/layer3_stages.h"
+#include "layer3/layer3_tables.h"
+#include "platform/platform.h"
+
+namespace kavolib {
+
+namespace {
+// a * e^{i theta} given cos and sin of theta, in place.
+inline void rotate(double& re, double& im, double c, double s) {
+    const double r = re;
+    const double i = im;
+    re = r * c - i * s;
+    im = r * s + i * c;
+}
+
+// The 3-point transform of (re[a], im[a]), (re[b], im[b]), (re[c], im[c]), in place.
+inline void butterfly3(double* re, double* im, int a, int b, int c) {
+    const double c3 = DftConstants[0];
+    const double s3 = DftConstants[4];
+    const double u0r = re[a];
+    const double u0i = im[a];
+    const double tr = re[b] + re[c];
+    const double ti = im[b] + im[c];
+    const double dr = re[b] - re[c];
+    const double di = im[b] - im[c];
+    const double mr = u0r + c3 * tr;
+    const double mi = u0i + c3 * ti;
+    re[a] = u0r + re[b] + re[c];
+    im[a] = u0i + im[b] + im[c];
+    // i * sin(2pi/3) * d: real part -s*d.im, imaginary part s*d.re
+    re[b] = mr - s3 * di;
+    im[b] = mi + s3 * dr;
+    re[c] = mr + s3 * di;
+    im[c] = mi - s3 * dr;
+}
+
+inline void swap_points(double* re, double* im, int a, int b) {
+    const double r = re[a];
+    const double i = im[a];
+    re[a] = re[b];
+    im[a] = im[b];
+    re[b] = r;
+    im[b] = i;
+}
+
+[[noreturn]] void unknown_block_type(const char* text) {
+    std::fputs(text, stdout);
+    end_process(1);
+}
+
+// The 36-point IMDCT's halves: A[m] = x[2m], B[m] = x[18 + 2m].
+void long_transform(const double* input, double* a_half, double* b_half) {
+    double re[9];
+    double im[9];
+    pre_twiddle(input, LongPreCos, LongPreSin, re, im, 9);
+    dft9(re, im);
+    post_twiddle(re, im, LongPostCos, LongPostSin, 9);
+    for (int m = 0; m < 9; ++m) {
+        a_half[m] = im[m];
+        b_half[m] = re[m];
+    }
+}
+
+// One window of the 12-point IMDCT: A[m] = x_w[2m], B[m] = x_w[6 + 2m].
+void short_transform(const double* input, int w, double* a_half, double* b_half) {
+    double x[6];
+    for (int k = 0; k < 6; ++k) x[k] = input[w + 3 * k];
+    double re[3];
+    double im[3];
+    pre_twiddle(x, ShortPreCos, ShortPreSin, re, im, 3);
+    dft3(re, im);
+    post_twiddle(re, im, ShortPostCos, ShortPostSin, 3);
+    for (int m = 0; m < 3; ++m) {
+        a_half[m] = im[m];
+        b_half[m] = re[m];
+    }
+}
+}  // namespace
+
+void pre_twiddle(const double* input, const double* cosines, const double* sines, double* re,
+                 double* im, int32_t m) {
+    const int32_t last = 2 * m - 1;
+    for (int32_t k = 0; k < m; ++k) {
+        const double a = input[2 * k];
+        const double b = input[last - 2 * k];
+        re[k] = -b * cosines[k] - a * sines[k];
+        im[k] = a * cosines[k] - b * sines[k];
+    }
+}
+
+void dft3(double* re, double* im) { butterfly3(re, im, 0, 1, 2); }
+
+void dft9(double* re, double* im) {
+    for (int k = 0; k < 3; ++k) butterfly3(re, im, k, k + 3, k + 6);
+    // After the first pass, position k + 3j holds output j of column k; these four need the
+    // twiddle e^{+2 pi i kj / 9}.
+    const double c1 = DftConstants[1];
+    const double c2 = DftConstants[2];
+    const double c4 = DftConstants[3];
+    const double s1 = DftConstants[5];
+    const double s2 = DftConstants[6];
+    const double s4 = DftConstants[7];
+    rotate(re[4], im[4], c1, s1);
+    rotate(re[5], im[5], c2, s2);
+    rotate(re[7], im[7], c2, s2);
+    rotate(re[8], im[8], c4, s4);
+    for (int j = 0; j < 3; ++j) butterfly3(re, im, 3 * j, 3 * j + 1, 3 * j + 2);
+    swap_points(re, im, 1, 3);
+    swap_points(re, im, 2, 6);
+    swap_points(re, im, 5, 7);
+}
+
+void post_twiddle(double* re, double* im, const double* cosines, const double* sines, int32_t m) {
+    for (int32_t k = 0; k < m; ++k) rotate(re[k], im[k], cosines[k], sines[k]);
+}
+
+void antialias(const Layer3State& state, int32_t granule, int32_t channel, double* x) {
+    const GranuleInfo& gi = state.side_info.gr[granule][channel];
+    int32_t boundaries = 31;
+    if (gi.block_type == 2) boundaries = gi.mixed_block_flag != 0 ? 1 : 0;
+    for (int32_t s = 0; s < boundaries; ++s) {
+        double* lower = x + 18 * s + 17;
+        double* upper = x + 18 * s + 18;
+        for (int32_t i = 0; i < 8; ++i) {
+            const double a = lower[-i];
+            const double b = upper[i];
+            lower[-i] = a * cs[i] - b * ca[i];
+            upper[i] = b * cs[i] + a * ca[i];
+        }
+    }
+}
+
+void imdct_subband(const double* input, double* overlap, double* output, uint32_t block_type,
+                   uint32_t previous_block_type, int32_t subband) {
+    if (previous_block_type > 3) unknown_block_type("Unknown block_type_prev");
+    if (block_type > 3) unknown_block_type("Unknown block_type");
+
+    // The previous granule's second half, windowed by its own block type.
+    double y[18];
+    const double* o = overlap;
+    if (previous_block_type != 2) {
+        double p[18];
+        for (int m = 0; m < 9; ++m) {
+            p[2 * m] = o[m];
+            p[2 * m + 1] = o[8 - m];
+        }
+        if (previous_block_type == 1) {
+            for (int n = 0; n < 6; ++n) y[n] = p[n];
+            for (int n = 6; n < 12; ++n) y[n] = ShortWindow[11 - n] * p[n];
+            for (int n = 12; n < 18; ++n) y[n] = 0.0;
+        } else {
+            for (int n = 0; n < 18; ++n) y[n] = LongWindow[17 - n] * p[n];
+        }
+    } else {
+        double q1[12];  // window 1's tail at 6..11
+        double q2[12];  // window 2, whole
+        for (int m = 0; m < 3; ++m) {
+            q1[6 + 2 * m] = o[m];
+            q1[6 + 2 * m + 1] = o[2 - m];
+            q2[2 * m] = o[3 + m];
+            q2[2 * m + 1] = -o[5 - m];
+            q2[6 + 2 * m] = o[6 + m];
+            q2[6 + 2 * m + 1] = o[8 - m];
+        }
+        for (int n = 0; n < 6; ++n) y[n] = ShortWindow[5 - n] * q1[6 + n] + ShortWindow[n] * q2[n];
+        for (int n = 6; n < 12; ++n) y[n] = ShortWindow[11 - n] * q2[n];
+        for (int n = 12; n < 18; ++n) y[n] = 0.0;
+    }
+
+    if (block_type != 2) {
+        double a_half[9];
+        double b_half[9];
+        long_transform(input, a_half, b_half);
+        double x[18];  // first half of the transform
+        for (int m = 0; m < 9; ++m) {
+            x[2 * m] = a_half[m];
+            x[2 * m + 1] = -a_half[8 - m];
+        }
+        if (block_type == 3) {
+            for (int n = 6; n < 12; ++n) y[n] = y[n] + ShortWindow[n - 6] * x[n];
+            for (int n = 12; n < 18; ++n) y[n] = y[n] + x[n];
+        } else {
+            for (int n = 0; n < 18; ++n) y[n] = y[n] + LongWindow[n] * x[n];
+        }
+        for (int m = 0; m < 9; ++m) overlap[m] = b_half[m];
+    } else {
+        double a_half[3][3];
+        double b_half[3][3];
+        for (int w = 0; w < 3; ++w) short_transform(input, w, a_half[w], b_half[w]);
+        double x0[6];
+        double x1[6];
+        for (int m = 0; m < 3; ++m) {
+            x0[2 * m] = a_half[0][m];
+            x0[2 * m + 1] = -a_half[0][2 - m];
+            x1[2 * m] = a_half[1][m];
+            x1[2 * m + 1] = -a_half[1][2 - m];
+        }
+        // Window 0's second half, x_0[6..11], from its B half.
+        double x0_tail[6];
+        for (int m = 0; m < 3; ++m) {
+            x0_tail[2 * m] = b_half[0][m];
+            x0_tail[2 * m + 1] = b_half[0][2 - m];
+        }
+        for (int n = 6; n < 12; ++n) y[n] = y[n] + ShortWindow[n - 6] * x0[n - 6];
+        for (int n = 12; n < 18; ++n) {
+            y[n] = y[n] + (ShortWindow[17 - n] * x0_tail[n - 12] + ShortWindow[n - 12] * x1[n - 12]);
+        }
+        for (int m = 0; m < 3; ++m) {
+            overlap[m] = b_half[1][m];
+            overlap[3 + m] = a_half[2][m];
+            overlap[6 + m] = b_half[2][m];
+        }
+    }
+
+    // Frequency inversion of odd subbands: every odd sample negated.
+    const bool invert = (subband & 1) != 0;
+    for (int n = 0; n < 18; ++n) {
+        output[32 * n] = (invert && (n & 1) != 0) ? -y[n] : y[n];
+    }
+}
+
+void hybrid_synthesis(Layer3State& state, int32_t granule, int32_t channel, const double* x) {
+    const GranuleInfo& gi = state.side_info.gr[granule][channel];
+    PreviousBlock& previous = state.previous_block[channel];
+    const bool mixed = gi.window_switching_flag != 0 && gi.mixed_block_flag != 0;
+    const bool previous_mixed =
+        previous.window_switching_flag != 0 && previous.mixed_block_flag != 0;
+    for (int32_t s = 0; s < 32; ++s) {
+        const uint32_t type = (mixed && s < 2) ? 0u : gi.block_type;
+        const uint32_t previous_type = (previous_mixed && s < 2) ? 0u : previous.block_type;
+        imdct_subband(x + 18 * s, state.overlap[channel][s], state.spectrum + s, type,
+                      previous_type, s);
+    }
+    previous.block_type = gi.block_type;
+    previous.window_switching_flag = gi.window_switching_flag;
+    previous.mixed_block_flag = gi.mixed_block_flag;
+}
+
+}  // namespace kavolib

@@ -1,0 +1,105 @@
+// Requantisation: each quantised value v becomes sign(v) |v|^(4/3) 2^(e/4), with the exponent e
+// of its scale-factor band (and window, for short blocks). |v|^(4/3) comes from the table
+// built at reset; the power of two from a shift and one of four stored quarter powers.
+#include <cmath>
+#include <cstring>
+
+#include "layer3/layer3_stages.h"
+#include "layer3/layer3_tables.h"
+
+namespace kavolib {
+
+namespace {
+double gain_from_exponent(int32_t e) {
+    if (e < -127) return 0.0;
+    if (e >= 0) return static_cast<double>(uint64_t{1} << (e >> 2)) * QuarterPowerUp[e & 3];
+    const int32_t m = -e;
+    return QuarterPowerDown[m & 3] / static_cast<double>(uint64_t{1} << (m >> 2));
+}
+
+// Magnitudes up to 8206 are possible (15 plus a 13-bit escape); those beyond the table are
+// computed directly with the same power.
+inline double pow43_of(const double* table, int32_t magnitude) {
+    return magnitude < kPow43Size ? table[magnitude]
+                                  : std::pow(static_cast<double>(magnitude), 4.0 / 3.0);
+}
+
+inline double signed_pow43_of(const double* table, double value) {
+    const auto n = static_cast<int32_t>(value);
+    return n >= 0 ? pow43_of(table, n) : -pow43_of(table, -n);
+}
+
+void scale_run(const double* table, double* values, int32_t count, double gain) {
+    for (int32_t i = 0; i < count; ++i) values[i] = signed_pow43_of(table, values[i]) * gain;
+}
+}  // namespace
+
+double signed_pow43(const Layer3State& state, double value) {
+    return signed_pow43_of(state.pow43, value);
+}
+
+double long_band_gain(uint32_t global_gain, uint32_t scalefac_scale, uint32_t scale_factor,
+                      int32_t band, uint32_t preflag) {
+    const uint32_t shift = scalefac_scale + 1;
+    const int32_t e = static_cast<int32_t>(global_gain) - 210 -
+                      static_cast<int32_t>(scale_factor << shift) -
+                      (preflag == 1 ? static_cast<int32_t>(pretab[band] << shift) : 0);
+    return gain_from_exponent(e);
+}
+
+double short_band_gain(uint32_t global_gain, uint32_t subblock_gain, uint32_t scalefac_scale,
+                       uint32_t scale_factor) {
+    const int32_t e = static_cast<int32_t>(global_gain) - 210 -
+                      8 * static_cast<int32_t>(subblock_gain) -
+                      static_cast<int32_t>(scale_factor << (scalefac_scale + 1));
+    return gain_from_exponent(e);
+}
+
+void requantise(Layer3State& state, int32_t granule, int32_t channel) {
+    const GranuleInfo& gi = state.side_info.gr[granule][channel];
+    const ScaleFactors& sf = state.scale_factors;
+    const int32_t* lb = state.long_bounds;
+    const int32_t* sb = state.short_bounds;
+    const double* table = state.pow43;
+    double* values = state.spectrum;
+
+    if (gi.block_type != 2) {
+        for (int32_t b = 0; b < 22; ++b) {
+            const double gain = long_band_gain(gi.global_gain, gi.scalefac_scale, sf.l[channel][b],
+                                               b, gi.preflag);
+            scale_run(table, values + lb[b], lb[b + 1] - lb[b], gain);
+        }
+        return;
+    }
+    int32_t p = 0;
+    int32_t first_band = 0;
+    if (gi.mixed_block_flag != 0) {
+        int32_t b = 0;
+        double gain =
+            long_band_gain(gi.global_gain, gi.scalefac_scale, sf.l[channel][0], 0, gi.preflag);
+        for (int32_t i = 0; i < 36; ++i) {
+            values[i] = signed_pow43_of(table, values[i]) * gain;
+            if (i + 1 == lb[b + 1]) {
+                ++b;
+                gain = long_band_gain(gi.global_gain, gi.scalefac_scale, sf.l[channel][b], b,
+                                      gi.preflag);
+            }
+        }
+        p = 36;
+        first_band = 3;
+    }
+    for (int32_t b = first_band; b < 13; ++b) {
+        const int32_t n = sb[b + 1] - sb[b];
+        for (int32_t w = 0; w < 3; ++w) {
+            const double gain = short_band_gain(gi.global_gain, gi.subblock_gain[w],
+                                                gi.scalefac_scale, sf.s[channel][b][w]);
+            scale_run(table, values + p, n, gain);
+            p += n;
+        }
+    }
+    // With the 8 kHz bands a mixed block's layout ends at line 540; the lines beyond it carry
+    // no band and are set to zero.
+    if (p < kGranuleLines) std::memset(values + p, 0, sizeof(double) * static_cast<size_t>(kGranuleLines - p));
+}
+
+}  // namespace kavolib
