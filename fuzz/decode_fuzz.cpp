@@ -22,16 +22,28 @@ struct FatalExit {
 [[noreturn]] void throw_instead_of_exit(int code) { throw FatalExit{code}; }
 
 bool g_ready = false;
+std::string g_dir;
 
-// Works in a fresh directory of its own: the decode phase writes fixed names there.
+// The private directory goes when the process ends normally.
+void clean_up() {
+    for (const char* name : {"in.mp3", "out.pcm", "chkmode.txt"}) std::remove((g_dir + "/" + name).c_str());
+    rmdir(g_dir.c_str());
+}
+
+// Works in a fresh directory of its own: the decode phase writes fixed names there, one file
+// per frame, so a memory file system is preferred when there is one.
 void prepare() {
     if (g_ready) return;
     const char* base = getenv("TMPDIR");
-    std::string pattern = std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") + "/kavo-fuzz-XXXXXX";
+    std::string root = base != nullptr && base[0] != '\0' ? base : "/tmp";
+    if (base == nullptr && access("/dev/shm", W_OK) == 0) root = "/dev/shm";
+    std::string pattern = root + "/kavo-fuzz-XXXXXX";
     if (mkdtemp(pattern.data()) == nullptr || chdir(pattern.c_str()) != 0) {
         std::perror("kavo fuzz: private directory");
         std::abort();
     }
+    g_dir = pattern;
+    std::atexit(clean_up);
     kavolib::set_end_process_hook(throw_instead_of_exit);
     g_ready = true;
 }
