@@ -37,7 +37,8 @@ int cmd_decode(const std::string& in, const std::string& out) {
         return 0;
     });
     if (code != 0) {
-        std::fprintf(stderr, "\nkavo decode: decoding '%s' failed (exit code %d); '%s' was not written\n",
+        std::fprintf(stderr,
+                     "\nkavo decode: decoding '%s' failed (exit code %d); '%s' was not written\n",
                      in.c_str(), code, out.c_str());
         return kExitFailed;
     }

@@ -19,14 +19,17 @@ struct FatalExit {
     int code;
 };
 
-[[noreturn]] void throw_instead_of_exit(int code) { throw FatalExit{code}; }
+[[noreturn]] void throw_instead_of_exit(int code) {
+    throw FatalExit{code};
+}
 
 bool g_ready = false;
 std::string g_dir;
 
 // The private directory goes when the process ends normally.
 void clean_up() {
-    for (const char* name : {"in.mp3", "out.pcm", "chkmode.txt"}) std::remove((g_dir + "/" + name).c_str());
+    for (const char* name : {"in.mp3", "out.pcm", "chkmode.txt"})
+        std::remove((g_dir + "/" + name).c_str());
     rmdir(g_dir.c_str());
 }
 

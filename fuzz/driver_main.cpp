@@ -21,10 +21,13 @@ namespace fs = std::filesystem;
 
 std::vector<uint8_t> read_bytes(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in),
+                                std::istreambuf_iterator<char>());
 }
 
-void run(const std::vector<uint8_t>& bytes) { LLVMFuzzerTestOneInput(bytes.data(), bytes.size()); }
+void run(const std::vector<uint8_t>& bytes) {
+    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+}
 
 bool is_input(const fs::path& path) {
     const std::string ext = path.extension().string();
@@ -45,7 +48,8 @@ int main(int argc, char** argv) {
         const fs::path path(argv[i]);
         if (fs::is_directory(path)) {
             for (const auto& entry : fs::recursive_directory_iterator(path)) {
-                if (entry.is_regular_file() && is_input(entry.path())) files.push_back(entry.path());
+                if (entry.is_regular_file() && is_input(entry.path()))
+                    files.push_back(entry.path());
             }
         } else if (fs::is_regular_file(path)) {
             files.push_back(path);
@@ -69,7 +73,8 @@ int main(int argc, char** argv) {
     std::mt19937 random(20240611);
     for (long m = 0; m < mutations; ++m) {
         const auto& source = inputs[static_cast<size_t>(m) % inputs.size()];
-        std::vector<uint8_t> bytes(source.begin(), source.begin() + static_cast<long>(std::min(source.size(), kPrefix)));
+        std::vector<uint8_t> bytes(
+            source.begin(), source.begin() + static_cast<long>(std::min(source.size(), kPrefix)));
         if (bytes.empty()) continue;
         const auto pick = [&](size_t n) { return static_cast<size_t>(random() % n); };
         switch (m % 5) {
@@ -92,7 +97,8 @@ int main(int argc, char** argv) {
             {
                 const size_t at = pick(bytes.size());
                 const size_t n = std::min(bytes.size() - at, 1 + pick(64));
-                bytes.erase(bytes.begin() + static_cast<long>(at), bytes.begin() + static_cast<long>(at + n));
+                bytes.erase(bytes.begin() + static_cast<long>(at),
+                            bytes.begin() + static_cast<long>(at + n));
                 break;
             }
             default:  // splice: the head of this input, the tail of another
@@ -101,13 +107,15 @@ int main(int argc, char** argv) {
                 const size_t cut = pick(bytes.size());
                 const size_t from = other.empty() ? 0 : pick(std::min(other.size(), kPrefix));
                 bytes.resize(cut);
-                bytes.insert(bytes.end(), other.begin() + static_cast<long>(from),
-                             other.begin() + static_cast<long>(std::min(other.size(), from + kPrefix)));
+                bytes.insert(
+                    bytes.end(), other.begin() + static_cast<long>(from),
+                    other.begin() + static_cast<long>(std::min(other.size(), from + kPrefix)));
                 break;
             }
         }
         run(bytes);
     }
-    std::fprintf(stderr, "\ndecode fuzz driver: %zu inputs, %ld mutations, no fault\n", inputs.size(), mutations);
+    std::fprintf(stderr, "\ndecode fuzz driver: %zu inputs, %ld mutations, no fault\n",
+                 inputs.size(), mutations);
     return 0;
 }

@@ -26,18 +26,20 @@ enum class Check {
 };
 
 struct ConformanceCase {
-    const char* name;     // test name
-    const char* file;     // below the conformance folder, without extension
+    const char* name;  // test name
+    const char* file;  // below the conformance folder, without extension
     Check check;
     long ref_offset;      // our value v is compared with reference value v + ref_offset
     long silent_values;   // our leading values that must be exactly 0 (concealed frames)
     long skipped_values;  // further leading values left out of the comparison
     std::vector<int> changed_frames;  // frames of our output left out (mode changes)
-    long expected_values;  // length of our output in values; -1: the reference's length
+    long expected_values;             // length of our output in values; -1: the reference's length
     const char* why;
 };
 
-void PrintTo(const ConformanceCase& c, std::ostream* os) { *os << c.file; }
+void PrintTo(const ConformanceCase& c, std::ostream* os) {
+    *os << c.file;
+}
 
 std::vector<int16_t> samples_of(const std::string& bytes) {
     std::vector<int16_t> values(bytes.size() / 2);
@@ -70,7 +72,8 @@ TEST_P(Conformance, DecodePhaseAgainstReference) {
     const ConformanceCase& c = GetParam();
     const std::string base = std::string(KAVO_SHARED_DIR) + "/conformance/" + c.file;
     TempDir dir;
-    const auto run = kavotest::run_process({KAVO_CLI_PATH, "decode", base + ".bit", dir.file("out.pcm")});
+    const auto run =
+        kavotest::run_process({KAVO_CLI_PATH, "decode", base + ".bit", dir.file("out.pcm")});
     ASSERT_EQ(run.exit_code, 0) << run.err;
     const std::vector<int16_t> ours = samples_of(kavotest::read_file(dir.file("out.pcm")));
     if (c.check == Check::decodes) {
@@ -85,14 +88,16 @@ TEST_P(Conformance, DecodePhaseAgainstReference) {
     }
 
     for (long v = 0; v < c.silent_values && v < static_cast<long>(ours.size()); ++v) {
-        ASSERT_EQ(ours[static_cast<size_t>(v)], 0) << "value " << v << " should be concealed as silence";
+        ASSERT_EQ(ours[static_cast<size_t>(v)], 0)
+            << "value " << v << " should be concealed as silence";
     }
     std::vector<bool> left_out(ours.size(), false);
     if (!c.changed_frames.empty()) {
         const auto ranges = frame_values(kavotest::read_file(base + ".bit"));
         for (int frame : c.changed_frames) {
             ASSERT_LT(static_cast<size_t>(frame), ranges.size());
-            for (long v = ranges[static_cast<size_t>(frame)].first; v < ranges[static_cast<size_t>(frame)].second; ++v) {
+            for (long v = ranges[static_cast<size_t>(frame)].first;
+                 v < ranges[static_cast<size_t>(frame)].second; ++v) {
                 left_out[static_cast<size_t>(v)] = true;
             }
         }
@@ -128,6 +133,7 @@ TEST_P(Conformance, DecodePhaseAgainstReference) {
 
 const long kStereo44 = 2304;  // values of one MPEG-1 stereo frame
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     Bitstreams, Conformance,
     testing::Values(
@@ -189,5 +195,6 @@ INSTANTIATE_TEST_SUITE_P(
         ConformanceCase{"lame_vbrtag", "nonstandard/l3-nonstandard-sin1k0db_lame_vbrtag", Check::report_only, 0, 0, 0, {}, -1,
                         "the reference is trimmed for gapless playback"}),
     [](const testing::TestParamInfo<ConformanceCase>& p) { return std::string(p.param.name); });
+// clang-format on
 
 }  // namespace

@@ -1,14 +1,14 @@
 // The decode phase as a whole: progress values, "chkmode.txt", the refusals of Layer I and
 // II, the frame count across conversions, and kavo decode with its three output forms.
-#include <gtest/gtest.h>
+#include "entry/decode_loop.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "entry/decode_loop.h"
 #include "frame/frame_sync.h"
 #include "mp3_files.h"
 #include "process.h"
@@ -44,7 +44,7 @@ std::string layer1_frame() {
 }
 
 class DecodePhase : public testing::Test {
-protected:
+  protected:
     void SetUp() override {
         wav = kavotest::make_tone_wav(dir.path(), "t.wav", 44100, 2, 1.0);
         mp3 = kavotest::lame_encode(dir.path(), wav, "t.mp3", 128, {"-t"});
@@ -80,11 +80,14 @@ TEST_F(DecodePhase, HostSeesProgressThenTheDecodedFileIsComplete) {
     EXPECT_EQ(values.front(), 0);
     for (size_t i = 1; i < values.size(); ++i) EXPECT_GE(values[i], values[i - 1]);
     EXPECT_EQ(values.back(), 40);
-    EXPECT_NE(run.err.find("  " + std::to_string(frames) + " frames processed\n"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("  " + std::to_string(frames) + " frames processed\n"),
+              std::string::npos)
+        << run.err;
 
     // The stages after decoding are not in this build: the call ends through the fatal route.
     EXPECT_EQ(run.exit_code, 1);
-    EXPECT_NE(run.err.find("conversion stages after decoding are not in this build"), std::string::npos);
+    EXPECT_NE(run.err.find("conversion stages after decoding are not in this build"),
+              std::string::npos);
     const std::string decoded = kavotest::read_file(work.file("ZUVRTEMP.TM2"));
     EXPECT_EQ(decoded.size(), 44 + frames * 1152 * 2 * 2);
     EXPECT_EQ(decoded.substr(0, 4), "RIFF");
@@ -94,7 +97,8 @@ TEST_F(DecodePhase, HostSeesProgressThenTheDecodedFileIsComplete) {
 TEST_F(DecodePhase, EmptyInputReportsZeroAndNoFrames) {
     TempDir work;
     kavotest::write_file(work.file("empty.mp3"), "");
-    const auto run = run_process({KAVO_C_HOST_PATH, "empty.mp3", "out.adpcm", "1.0", "7"}, work.path());
+    const auto run =
+        run_process({KAVO_C_HOST_PATH, "empty.mp3", "out.adpcm", "1.0", "7"}, work.path());
     EXPECT_EQ(progress_values(run.out), std::vector<int>{0});
     EXPECT_NE(run.err.find("\n\nAll Done !"), std::string::npos);
     EXPECT_EQ(kavotest::read_file(work.file("ZUVRTEMP.TM2")).size(), 44u);
@@ -112,8 +116,10 @@ TEST_F(DecodePhase, LayerOneAndTwoAreRefusedWithTheFlagFile) {
         size_t pcm_frames;  // Layer III frames decoded before the refusal
     };
     const Case cases[] = {
-        {"layer1", layer1_frame() + layer1_frame(), "Layer 1 no support !!!\n", std::string("\x01\0\0\0", 4), 0},
-        {"layer2", kavotest::read_file(mp2), "Layer 2 no  support !!!\n", std::string("1\x01\0\0\0", 5), 0},
+        {"layer1", layer1_frame() + layer1_frame(), "Layer 1 no support !!!\n",
+         std::string("\x01\0\0\0", 4), 0},
+        {"layer2", kavotest::read_file(mp2), "Layer 2 no  support !!!\n",
+         std::string("1\x01\0\0\0", 5), 0},
         {"layer3_then_2", lame + kavotest::read_file(mp2), "Layer 2 no  support !!!\n",
          std::string("1\x01\0\0\0", 5), frames},
     };
@@ -121,9 +127,11 @@ TEST_F(DecodePhase, LayerOneAndTwoAreRefusedWithTheFlagFile) {
         SCOPED_TRACE(c.what);
         TempDir work;
         kavotest::write_file(work.file("in.mp3"), c.bytes);
-        const auto run = run_process({KAVO_C_HOST_PATH, "in.mp3", "out.adpcm", "1.0", "7"}, work.path());
+        const auto run =
+            run_process({KAVO_C_HOST_PATH, "in.mp3", "out.adpcm", "1.0", "7"}, work.path());
         EXPECT_EQ(run.exit_code, 1);
-        EXPECT_EQ(run.err.substr(run.err.size() - std::string(c.message).size()), c.message) << run.err;
+        EXPECT_EQ(run.err.substr(run.err.size() - std::string(c.message).size()), c.message)
+            << run.err;
         EXPECT_EQ(kavotest::read_file(work.file("chkmode.txt")), c.flag);
         const std::vector<int> values = progress_values(run.out);
         EXPECT_EQ(values.size(), c.pcm_frames + 1);
@@ -154,11 +162,14 @@ TEST_F(DecodePhase, SecondConversionContinuesTheFrameCountAndPrintsNoHeader) {
 
     EXPECT_NE(first.find("[version] MPEG 1"), std::string::npos);
     EXPECT_EQ(second.find("[version]"), std::string::npos);
-    const std::string count1 = "  " + std::to_string(before + static_cast<int64_t>(frames)) + " frames processed\n";
-    const std::string count2 = "  " + std::to_string(before + 2 * static_cast<int64_t>(frames)) + " frames processed\n";
+    const std::string count1 =
+        "  " + std::to_string(before + static_cast<int64_t>(frames)) + " frames processed\n";
+    const std::string count2 =
+        "  " + std::to_string(before + 2 * static_cast<int64_t>(frames)) + " frames processed\n";
     EXPECT_NE(first.find(count1), std::string::npos) << first;
     EXPECT_NE(second.find(count2), std::string::npos) << second;
-    EXPECT_EQ(kavotest::read_file(work.file("one.wav")).substr(44), kavotest::read_file(work.file("two.pcm")));
+    EXPECT_EQ(kavotest::read_file(work.file("one.wav")).substr(44),
+              kavotest::read_file(work.file("two.pcm")));
 }
 
 TEST_F(DecodePhase, CommandWritesEachFormAndOnlyTheOutput) {
@@ -185,11 +196,13 @@ TEST_F(DecodePhase, CommandFailuresLeaveTheOutputAlone) {
     EXPECT_EQ(bad_name.exit_code, 2);
     EXPECT_NE(bad_name.err.find("selects no output form"), std::string::npos) << bad_name.err;
 
-    const auto missing = run_process({KAVO_CLI_PATH, "decode", "none.mp3", "keep.wav"}, user.path());
+    const auto missing =
+        run_process({KAVO_CLI_PATH, "decode", "none.mp3", "keep.wav"}, user.path());
     EXPECT_EQ(missing.exit_code, 1);
     EXPECT_NE(missing.err.find("cannot read 'none.mp3'"), std::string::npos) << missing.err;
 
-    const auto refused = run_process({KAVO_CLI_PATH, "decode", "layer2.mp3", "keep.wav"}, user.path());
+    const auto refused =
+        run_process({KAVO_CLI_PATH, "decode", "layer2.mp3", "keep.wav"}, user.path());
     EXPECT_EQ(refused.exit_code, 1);
     EXPECT_NE(refused.err.find("Layer 1 no support !!!\n"), std::string::npos) << refused.err;
     EXPECT_NE(refused.err.find("'keep.wav' was not written"), std::string::npos) << refused.err;

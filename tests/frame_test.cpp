@@ -2,7 +2,6 @@
 // synchronisation over real encoder output, garbage, tags, truncation and free format, the
 // once-only header lines, and the codec command dispatcher.
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <cstdio>
@@ -68,7 +67,7 @@ std::unique_ptr<FrameState> fresh_state() {
 struct Delivered {
     int64_t bytes_read_after;  // file offset just after the frame
     int32_t frame_length;
-    int32_t header_start;      // in the stream buffer
+    int32_t header_start;  // in the stream buffer
 };
 
 // Every frame read_frame delivers from the file, and the state after the end.
@@ -104,7 +103,8 @@ TEST(BitReader, ReadsMatchAPlainBitWalkAtEveryOffsetAndWidthAcrossTheWrap) {
             for (int n = 1; n <= 24; ++n) {
                 f.reader.cursor = BitPosition{f.buffer->bytes, offset, index};
                 const uint32_t expected = reference_bits(f.buffer->bytes, index, offset, n);
-                ASSERT_EQ(bitunp_peek(f.reader, n), expected) << index << "/" << offset << " n=" << n;
+                ASSERT_EQ(bitunp_peek(f.reader, n), expected)
+                    << index << "/" << offset << " n=" << n;
                 ASSERT_EQ(f.reader.cursor.byte_index, index) << "peek moved the cursor";
                 ASSERT_EQ(bitunp_rj(f.reader, n), expected) << index << "/" << offset << " n=" << n;
                 const int64_t end = int64_t{index} * 8 + offset + n;
@@ -216,24 +216,23 @@ TEST_P(HeaderDecode, FieldsAndLength) {
 
 INSTANTIATE_TEST_SUITE_P(
     Headers, HeaderDecode,
-    testing::Values(
-        HeaderCase{"mpeg1_128k_44k", {0xFF, 0xFB, 0x90, 0x00}, 0, 417, 2},
-        HeaderCase{"mpeg1_128k_44k_padded", {0xFF, 0xFB, 0x92, 0x00}, 0, 418, 2},
-        HeaderCase{"mpeg1_320k_48k_crc", {0xFF, 0xFA, 0xE4, 0xC0}, 0, 960, 2},
-        HeaderCase{"mpeg2_64k_22k", {0xFF, 0xF3, 0x80, 0xC0}, 0, 208, 1},
-        HeaderCase{"mpeg25_8k_8k", {0xFF, 0xE3, 0x18, 0xC0}, 0, 72, 1},
-        HeaderCase{"mpeg25_64k_11k_padded", {0xFF, 0xE3, 0x82, 0x00}, 0, 418, 1},
-        HeaderCase{"layer1_32k_44k", {0xFF, 0xFF, 0x10, 0xC0}, 0, 32, 12},
-        HeaderCase{"layer2_192k_48k", {0xFF, 0xFD, 0xA4, 0x00}, 0, 576, 12},
-        HeaderCase{"layer2_32k_stereo", {0xFF, 0xFD, 0x10, 0x00}, 5, 0, 0},
-        HeaderCase{"layer2_32k_mono", {0xFF, 0xFD, 0x10, 0xC0}, 0, 104, 12},
-        HeaderCase{"layer2_320k_mono", {0xFF, 0xFD, 0xD0, 0xC0}, 5, 0, 0},
-        HeaderCase{"no_sync", {0xFF, 0x7B, 0x90, 0x00}, 1, 0, 0},
-        HeaderCase{"reserved_version", {0xFF, 0xEB, 0x90, 0x00}, 1, 0, 0},
-        HeaderCase{"layer_code_0", {0xFF, 0xF9, 0x90, 0x00}, 2, 0, 0},
-        HeaderCase{"bitrate_15", {0xFF, 0xFB, 0xF0, 0x00}, 3, 0, 0},
-        HeaderCase{"sample_freq_3", {0xFF, 0xFB, 0x9C, 0x00}, 4, 0, 0},
-        HeaderCase{"free_format_unmeasured", {0xFF, 0xFB, 0x00, 0x00}, 0, 0, 2}),
+    testing::Values(HeaderCase{"mpeg1_128k_44k", {0xFF, 0xFB, 0x90, 0x00}, 0, 417, 2},
+                    HeaderCase{"mpeg1_128k_44k_padded", {0xFF, 0xFB, 0x92, 0x00}, 0, 418, 2},
+                    HeaderCase{"mpeg1_320k_48k_crc", {0xFF, 0xFA, 0xE4, 0xC0}, 0, 960, 2},
+                    HeaderCase{"mpeg2_64k_22k", {0xFF, 0xF3, 0x80, 0xC0}, 0, 208, 1},
+                    HeaderCase{"mpeg25_8k_8k", {0xFF, 0xE3, 0x18, 0xC0}, 0, 72, 1},
+                    HeaderCase{"mpeg25_64k_11k_padded", {0xFF, 0xE3, 0x82, 0x00}, 0, 418, 1},
+                    HeaderCase{"layer1_32k_44k", {0xFF, 0xFF, 0x10, 0xC0}, 0, 32, 12},
+                    HeaderCase{"layer2_192k_48k", {0xFF, 0xFD, 0xA4, 0x00}, 0, 576, 12},
+                    HeaderCase{"layer2_32k_stereo", {0xFF, 0xFD, 0x10, 0x00}, 5, 0, 0},
+                    HeaderCase{"layer2_32k_mono", {0xFF, 0xFD, 0x10, 0xC0}, 0, 104, 12},
+                    HeaderCase{"layer2_320k_mono", {0xFF, 0xFD, 0xD0, 0xC0}, 5, 0, 0},
+                    HeaderCase{"no_sync", {0xFF, 0x7B, 0x90, 0x00}, 1, 0, 0},
+                    HeaderCase{"reserved_version", {0xFF, 0xEB, 0x90, 0x00}, 1, 0, 0},
+                    HeaderCase{"layer_code_0", {0xFF, 0xF9, 0x90, 0x00}, 2, 0, 0},
+                    HeaderCase{"bitrate_15", {0xFF, 0xFB, 0xF0, 0x00}, 3, 0, 0},
+                    HeaderCase{"sample_freq_3", {0xFF, 0xFB, 0x9C, 0x00}, 4, 0, 0},
+                    HeaderCase{"free_format_unmeasured", {0xFF, 0xFB, 0x00, 0x00}, 0, 0, 2}),
     [](const testing::TestParamInfo<HeaderCase>& p) { return std::string(p.param.what); });
 
 TEST(HeaderDecodeFree, MeasuredLengthPlusPaddingAndCrcStart) {
@@ -254,8 +253,9 @@ TEST_P(LameFrames, EveryFrameDeliveredWithItsLength) {
     const auto [rate, bitrate] = GetParam();
     TempDir dir;
     const std::string wav = kavotest::make_tone_wav(dir.path(), "t.wav", rate, 1, 0.7);
-    const std::string mp3 = kavotest::lame_encode(dir.path(), wav, "t.mp3", bitrate,
-                                                     {"-t", "-m", "m", "--resample", std::to_string(rate / 1000.0)});
+    const std::string mp3 =
+        kavotest::lame_encode(dir.path(), wav, "t.mp3", bitrate,
+                              {"-t", "-m", "m", "--resample", std::to_string(rate / 1000.0)});
     const std::string bytes = kavotest::read_file(mp3);
     const std::vector<size_t> starts = kavotest::walk_frames(bytes, 0);
     ASSERT_GT(starts.size(), 3u);
@@ -271,7 +271,8 @@ TEST_P(LameFrames, EveryFrameDeliveredWithItsLength) {
     EXPECT_EQ(state->pcm_rate, rate);
     EXPECT_EQ(state->pcm_channels, 1);
 
-    const auto decoded = kavotest::run_process({"/usr/bin/mpg123", "-q", "-s", "--no-gapless", mp3});
+    const auto decoded =
+        kavotest::run_process({"/usr/bin/mpg123", "-q", "-s", "--no-gapless", mp3});
     const size_t per_frame = (rate >= 32000 ? 1152u : 576u) * 2u;
     EXPECT_EQ(decoded.out.size() / per_frame, frames.size());
 }
@@ -284,7 +285,7 @@ INSTANTIATE_TEST_SUITE_P(Rates, LameFrames,
                                          std::make_tuple(8000, 8)));
 
 class SyncFixture : public testing::Test {
-protected:
+  protected:
     void SetUp() override {
         const std::string wav = kavotest::make_tone_wav(dir.path(), "t.wav", 44100, 2, 0.5);
         mp3 = kavotest::read_file(kavotest::lame_encode(dir.path(), wav, "t.mp3", 128, {"-t"}));
@@ -361,7 +362,8 @@ TEST_F(SyncFixture, ACorruptHeaderMidStreamCostsAtLeastTwoFrames) {
     const auto frames = frames_of(broken);
     ASSERT_LE(frames.size(), starts.size() - 2);
     ASSERT_GE(frames.size(), 5u);
-    for (size_t i = 0; i < 3; ++i) EXPECT_EQ(frames[i].bytes_read_after, static_cast<int64_t>(starts[i + 1]));
+    for (size_t i = 0; i < 3; ++i)
+        EXPECT_EQ(frames[i].bytes_read_after, static_cast<int64_t>(starts[i + 1]));
     const size_t first = starts.size() - (frames.size() - 3);
     EXPECT_GE(first, 5u);
     for (size_t i = 3; i < frames.size(); ++i) {
@@ -372,7 +374,8 @@ TEST_F(SyncFixture, ACorruptHeaderMidStreamCostsAtLeastTwoFrames) {
 }
 
 TEST(FreeFormat, MeasuredFromTheConformanceStreamAndFirstTwoFramesSkipped) {
-    const std::string path = std::string(KAVO_SHARED_DIR) + "/conformance/iso11172-4/l3-he_free.bit";
+    const std::string path =
+        std::string(KAVO_SHARED_DIR) + "/conformance/iso11172-4/l3-he_free.bit";
     const std::string bytes = kavotest::read_file(path);
     // Independent walk: free-format frames are found by their sync words.
     std::vector<size_t> starts;
@@ -398,7 +401,8 @@ TEST(FreeFormat, MeasuredFromTheConformanceStreamAndFirstTwoFramesSkipped) {
 }
 
 TEST(HeaderLines, PrintedOnceForTheFirstFrameDelivered) {
-    const std::string path = std::string(KAVO_SHARED_DIR) + "/conformance/iso11172-4/l3-hecommon.bit";
+    const std::string path =
+        std::string(KAVO_SHARED_DIR) + "/conformance/iso11172-4/l3-hecommon.bit";
     header_lines_pending() = true;
     auto state = fresh_state();
     FILE* input = std::fopen(path.c_str(), "rb");
@@ -436,8 +440,12 @@ TEST(HeaderLines, Layer2ModeExtensionTextsAndEmphasis) {
     testing::internal::CaptureStderr();
     print_header_lines(header, 44100);
     const std::string text = testing::internal::GetCapturedStderr();
-    EXPECT_NE(text.find("[mode] joint_stereo   \t\t [mode_ext] is_stereo (bound 12)\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("[copyright] 1 \t\t\t [original] 1\n[emphasis] CCITT J.17\n\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("[mode] joint_stereo   \t\t [mode_ext] is_stereo (bound 12)\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("[copyright] 1 \t\t\t [original] 1\n[emphasis] CCITT J.17\n\n"),
+              std::string::npos)
+        << text;
     EXPECT_NE(text.find("[bitrate] 128 kbps"), std::string::npos) << text;
 }
 

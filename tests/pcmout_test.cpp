@@ -16,31 +16,52 @@ using namespace kavolib;
 using kavotest::TempDir;
 
 TEST(PcmSample, SixteenBitRoundingAndClipping) {
-    const std::pair<double, int> cases[] = {
-        {1.0, 32767},           {-1.0, -32768},         {0.0, 0},
-        {0.5 / 32768, 1},       {-0.5 / 32768, -1},     {0.49 / 32768, 0},
-        {-0.49 / 32768, 0},     {1.5 / 32768, 2},       {-1.5 / 32768, -2},
-        {32766.5 / 32768, 32767}, {-32767.5 / 32768, -32768}, {-32768.4 / 32768, -32768},
-        {-1.5, -32768},         {1e300, 32767},         {-1e300, -32768},
-        {std::numeric_limits<double>::infinity(), 32767},
-        {std::numeric_limits<double>::quiet_NaN(), -32768}};
+    const std::pair<double, int> cases[] = {{1.0, 32767},
+                                            {-1.0, -32768},
+                                            {0.0, 0},
+                                            {0.5 / 32768, 1},
+                                            {-0.5 / 32768, -1},
+                                            {0.49 / 32768, 0},
+                                            {-0.49 / 32768, 0},
+                                            {1.5 / 32768, 2},
+                                            {-1.5 / 32768, -2},
+                                            {32766.5 / 32768, 32767},
+                                            {-32767.5 / 32768, -32768},
+                                            {-32768.4 / 32768, -32768},
+                                            {-1.5, -32768},
+                                            {1e300, 32767},
+                                            {-1e300, -32768},
+                                            {std::numeric_limits<double>::infinity(), 32767},
+                                            {std::numeric_limits<double>::quiet_NaN(), -32768}};
     for (const auto& [x, expected] : cases) EXPECT_EQ(pcm_sample16(x), expected) << x;
 }
 
 TEST(PcmSample, TwentyFourBitTruncationAndTwosComplement) {
     const std::pair<double, uint32_t> cases[] = {
-        {1.0, 0x7FFFFF},          {-1.0, 0x800000},      {0.0, 0},
-        {-1.0 / 8388608, 0xFFFFFF}, {-0.9 / 8388608, 0},  {1.9 / 8388608, 1},
-        {-2.0, 0x800000},         {5.0, 0x7FFFFF},       {std::numeric_limits<double>::quiet_NaN(), 0x800000}};
+        {1.0, 0x7FFFFF},
+        {-1.0, 0x800000},
+        {0.0, 0},
+        {-1.0 / 8388608, 0xFFFFFF},
+        {-0.9 / 8388608, 0},
+        {1.9 / 8388608, 1},
+        {-2.0, 0x800000},
+        {5.0, 0x7FFFFF},
+        {std::numeric_limits<double>::quiet_NaN(), 0x800000}};
     for (const auto& [x, expected] : cases) EXPECT_EQ(pcm_sample24(x), expected) << x;
 }
 
 TEST(OutputForm, ChosenBySubstringInOrder) {
-    const std::pair<const char*, OutputForm> cases[] = {
-        {"a.pcm", OutputForm::raw},   {"x.pcm.wav", OutputForm::raw},  {"a.wav", OutputForm::wav},
-        {"ZUVRTEMP.TM2", OutputForm::wav}, {"a.txt", OutputForm::text}, {"a.wav.txt", OutputForm::wav},
-        {"dir.pcm/out", OutputForm::raw}, {"X.WAV", OutputForm::none},  {"a.tm2", OutputForm::none},
-        {"wav", OutputForm::none},   {"", OutputForm::none}};
+    const std::pair<const char*, OutputForm> cases[] = {{"a.pcm", OutputForm::raw},
+                                                        {"x.pcm.wav", OutputForm::raw},
+                                                        {"a.wav", OutputForm::wav},
+                                                        {"ZUVRTEMP.TM2", OutputForm::wav},
+                                                        {"a.txt", OutputForm::text},
+                                                        {"a.wav.txt", OutputForm::wav},
+                                                        {"dir.pcm/out", OutputForm::raw},
+                                                        {"X.WAV", OutputForm::none},
+                                                        {"a.tm2", OutputForm::none},
+                                                        {"wav", OutputForm::none},
+                                                        {"", OutputForm::none}};
     for (const auto& [name, form] : cases) EXPECT_EQ(choose_output_form(name), form) << name;
 }
 
@@ -85,7 +106,8 @@ uint32_t le32(const std::string& bytes, size_t at) {
 
 std::vector<double> ramp(double from, double to) {
     std::vector<double> pcm(1152);
-    for (size_t i = 0; i < pcm.size(); ++i) pcm[i] = from + (to - from) * static_cast<double>(i) / 1151.0;
+    for (size_t i = 0; i < pcm.size(); ++i)
+        pcm[i] = from + (to - from) * static_cast<double>(i) / 1151.0;
     return pcm;
 }
 
@@ -97,7 +119,8 @@ TEST(DecodedFile, WavFormInterleavesAndEndsWithAHeaderThatSoxReads) {
     const auto mono = ramp(0.3, -0.3);
     std::string statistics;
     // A stereo granule, then a mono one: the header describes the last frame (one channel).
-    const std::string file = write_through(dir, "out.wav", {{stereo, 2}, {mono, 1}}, 22050, &statistics);
+    const std::string file =
+        write_through(dir, "out.wav", {{stereo, 2}, {mono, 1}}, 22050, &statistics);
     ASSERT_EQ(file.size(), 44u + 2304u + 1152u);
     EXPECT_EQ(file.substr(0, 4), "RIFF");
     EXPECT_EQ(le32(file, 4), file.size() - 8);
@@ -161,7 +184,8 @@ TEST(DecodeStatistics, FramesTimeAndSpeed) {
         {100, 1, 8000, 3725, "  100 frames processed\n\nDecoding time=02:05, Speedup=532.142857\n"},
         // Less than a second of audio: the tiny constant keeps the division finite.
         {1, 1, 8000, 0, "  1 frames processed\n\nDecoding time=00:00, Speedup=0.000000\n"},
-        {1, 1, 8000, 5, "  1 frames processed\n\nDecoding time=00:05, Speedup=5000000000000.000000\n"},
+        {1, 1, 8000, 5,
+         "  1 frames processed\n\nDecoding time=00:05, Speedup=5000000000000.000000\n"},
         // Nothing ever delivered (rate 0): no audio, the speed figure is 0.
         {0, 0, 0, 5, "  0 frames processed\n\nDecoding time=00:05, Speedup=0.000000\n"},
         {0, 0, 0, 0, "  0 frames processed\n\nDecoding time=00:00, Speedup=0.000000\n"},

@@ -29,16 +29,23 @@ CodecResult codec_command(CodecRequest request) {
             layer3_reset(layer3_state());
             return CodecResult{1, 0, nullptr};
         case 1:
-            return decode_header(g_bit_reader, g_frame_header, *static_cast<HeaderJob*>(request.job));
-        case 2: codec_not_provided("Layer 1 decode under construction!!!\n");
-        case 3: codec_not_provided("Layer 2 decode under construction!!!\n");
+            return decode_header(g_bit_reader, g_frame_header,
+                                 *static_cast<HeaderJob*>(request.job));
+        case 2:
+            codec_not_provided("Layer 1 decode under construction!!!\n");
+        case 3:
+            codec_not_provided("Layer 2 decode under construction!!!\n");
         case 4:
             return decode_granule(layer3_state(), g_bit_reader, g_frame_header, request.arg,
                                   *static_cast<const GranuleJob*>(request.job));
-        case 5: codec_not_provided("Layer 1 encode under construction!!!\n");
-        case 6: codec_not_provided("Layer 2 encode under construction!!!\n");
-        case 7: return CodecResult{request.command, request.arg, request.job};
-        default: return CodecResult{-1, -1, nullptr};
+        case 5:
+            codec_not_provided("Layer 1 encode under construction!!!\n");
+        case 6:
+            codec_not_provided("Layer 2 encode under construction!!!\n");
+        case 7:
+            return CodecResult{request.command, request.arg, request.job};
+        default:
+            return CodecResult{-1, -1, nullptr};
     }
 }
 

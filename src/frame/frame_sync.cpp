@@ -2,9 +2,10 @@
 // anything that is not a valid header; after a loss of sync a header counts only when the
 // header after its frame is valid too; free-format frames are measured by finding the next
 // header. The frame's bytes stay in the circular buffer for the Layer III bit reservoir.
+#include "frame/frame_sync.h"
+
 #include <cstdio>
 
-#include "frame/frame_sync.h"
 #include "platform/report_message.h"
 
 namespace kavolib {
@@ -19,28 +20,40 @@ bool g_header_lines_pending = true;
 const char* const kVersionNames[4] = {"MPEG 2.5", "", "MPEG 2", "MPEG 1"};
 const char* const kModeNames[4] = {"stereo        ", "joint_stereo  ", "dual_channel  ",
                                    "single_channel"};
-const char* const kModeExtTexts[8] = {
-    "is_stereo (off), ms_stereo (off)", "is_stereo (on),  ms_stereo (off)",
-    "is_stereo (off), ms_stereo (on)",  "is_stereo (on),  ms_stereo (on)",
-    "is_stereo (bound 4)",              "is_stereo (bound 8)",
-    "is_stereo (bound 12)",             "is_stereo (bound 16)"};
+const char* const kModeExtTexts[8] = {"is_stereo (off), ms_stereo (off)",
+                                      "is_stereo (on),  ms_stereo (off)",
+                                      "is_stereo (off), ms_stereo (on)",
+                                      "is_stereo (on),  ms_stereo (on)",
+                                      "is_stereo (bound 4)",
+                                      "is_stereo (bound 8)",
+                                      "is_stereo (bound 12)",
+                                      "is_stereo (bound 16)"};
 const char* const kEmphasisNames[4] = {"none", "50/15 us", "", "CCITT J.17"};
 
 void warn_header_error(int32_t error) {
     if (verbosity == 0) return;
     switch (error) {
-        case kHeaderNoSync: report_message("decode: Sync word not found\r", kMessageWarning); break;
-        case kHeaderBadLayer: report_message("decode: Invalid layer\n", kMessageWarning); break;
-        case kHeaderBadBitrate: report_message("decode: Invalid bit rate\n", kMessageWarning); break;
+        case kHeaderNoSync:
+            report_message("decode: Sync word not found\r", kMessageWarning);
+            break;
+        case kHeaderBadLayer:
+            report_message("decode: Invalid layer\n", kMessageWarning);
+            break;
+        case kHeaderBadBitrate:
+            report_message("decode: Invalid bit rate\n", kMessageWarning);
+            break;
         case kHeaderBadSampleRate:
             report_message("decode: Invalid sample rate\n", kMessageWarning);
             break;
-        default: report_message("decode: Miscellaneous header errors\n", kMessageWarning); break;
+        default:
+            report_message("decode: Miscellaneous header errors\n", kMessageWarning);
+            break;
     }
 }
 
 uint32_t last_byte_read(const FrameState& state) {
-    const int32_t index = state.fill_position == 0 ? kStreamBufferSize - 1 : state.fill_position - 1;
+    const int32_t index =
+        state.fill_position == 0 ? kStreamBufferSize - 1 : state.fill_position - 1;
     return state.stream.bytes[index];
 }
 
@@ -54,7 +67,8 @@ int measure_free_format(FrameState& state, FILE* input, const FrameHeader& heade
     uint32_t middle = 0;
     uint32_t newest = 0;
     int64_t length = 1;
-    while (!(oldest == 0xFFu && (middle & 0xFEu) == want_second && (newest & 0xFCu) == want_third)) {
+    while (
+        !(oldest == 0xFFu && (middle & 0xFEu) == want_second && (newest & 0xFCu) == want_third)) {
         if (read_input_bytes(state, input, 1) != 0) return 1;
         oldest = middle;
         middle = newest;
@@ -72,7 +86,9 @@ int measure_free_format(FrameState& state, FILE* input, const FrameHeader& heade
 
 }  // namespace
 
-bool& header_lines_pending() { return g_header_lines_pending; }
+bool& header_lines_pending() {
+    return g_header_lines_pending;
+}
 
 void print_header_lines(const FrameHeader& header, int32_t pcm_rate) {
     const int32_t layer_code_high = static_cast<int32_t>((header.header_word1 >> 2) & 1u);
@@ -84,8 +100,8 @@ void print_header_lines(const FrameHeader& header, int32_t pcm_rate) {
     std::fprintf(stderr, "[sample freq] %d Hz \t\t [padding] %d\n", pcm_rate, header.padding);
     std::fprintf(stderr, "[mode] %s \t\t [mode_ext] %s\n", kModeNames[header.mode & 3],
                  kModeExtTexts[(header.mode_ext & 3) + 4 * layer_code_high]);
-    std::fprintf(stderr, "[copyright] %d \t\t\t [original] %d\n", static_cast<int>((word2 >> 3) & 1u),
-                 static_cast<int>((word2 >> 2) & 1u));
+    std::fprintf(stderr, "[copyright] %d \t\t\t [original] %d\n",
+                 static_cast<int>((word2 >> 3) & 1u), static_cast<int>((word2 >> 2) & 1u));
     std::fprintf(stderr, "[emphasis] %s\n\n", kEmphasisNames[word2 & 3u]);
 }
 
@@ -99,7 +115,8 @@ int read_input_bytes(FrameState& state, FILE* input, int n) {
             return 1;
         }
         state.stream.bytes[state.fill_position] = static_cast<uint8_t>(byte);
-        state.fill_position = state.fill_position == kStreamBufferSize - 1 ? 0 : state.fill_position + 1;
+        state.fill_position =
+            state.fill_position == kStreamBufferSize - 1 ? 0 : state.fill_position + 1;
         ++state.bytes_read;
     }
     return 0;
@@ -114,7 +131,8 @@ int read_frame(FrameState& state, FILE* input) {
         if (start < 0) start += kStreamBufferSize;
         state.current = BitPosition{state.stream.bytes, 0, start};
         state.header_job = HeaderJob{state.current, 0, state.free_format_length};
-        const CodecResult check = codec_command(CodecRequest{kCodecDecodeHeader, 0, &state.header_job});
+        const CodecResult check =
+            codec_command(CodecRequest{kCodecDecodeHeader, 0, &state.header_job});
         if (check.error != 0) {
             last_check_passed = false;
             state.sync_state = sync_lost;

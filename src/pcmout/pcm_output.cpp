@@ -92,7 +92,8 @@ void make_wav_header(uint8_t header[kWavHeaderSize], uint32_t file_length, int32
 
 void open_decode_files(DecodeFiles& files, FrameState& frames) {
     files.input = open_stream(files.input_name, "rb");
-    if (files.input == nullptr) fatal_with_name("decode: Input file, %s, not found\n", files.input_name);
+    if (files.input == nullptr)
+        fatal_with_name("decode: Input file, %s, not found\n", files.input_name);
     std::fseek(files.input, 0, SEEK_END);
     files.input_length = std::ftell(files.input);
     std::rewind(files.input);
@@ -100,7 +101,8 @@ void open_decode_files(DecodeFiles& files, FrameState& frames) {
 
     files.form = choose_output_form(files.output_name);
     if (files.form == OutputForm::none) {
-        report_message("decode: output file '.wav','.pcm' or '.txt' allowed only!\n", kMessageFatal);
+        report_message("decode: output file '.wav','.pcm' or '.txt' allowed only!\n",
+                       kMessageFatal);
     }
     files.output = open_stream(files.output_name, files.form == OutputForm::text ? "wt" : "wb");
     if (files.output == nullptr) {
@@ -140,10 +142,9 @@ void print_decode_statistics(int64_t frame_counter, int32_t granules, int32_t pc
     // No frame delivered in the library's lifetime (rate 0): no audio, and the speed figure is 0.
     const int64_t audio_seconds =
         pcm_rate > 0 ? int64_t{granules} * frame_counter * kGranuleSamples / pcm_rate : 0;
-    const double speedup =
-        pcm_rate > 0 ? static_cast<double>(elapsed_seconds) /
-                           (static_cast<double>(audio_seconds) + 1e-12)
-                     : 0.0;
+    const double speedup = pcm_rate > 0 ? static_cast<double>(elapsed_seconds) /
+                                              (static_cast<double>(audio_seconds) + 1e-12)
+                                        : 0.0;
     std::fprintf(stderr, "\nDecoding time=%02d:%02d, Speedup=%f\n",
                  static_cast<int>((elapsed_seconds / 60) % 60),
                  static_cast<int>(elapsed_seconds % 60), speedup);
@@ -153,13 +154,15 @@ void close_decode_files(DecodeFiles& files, const FrameState& frames, int32_t gr
                         int64_t frame_counter) {
     FILE* input = files.input;
     files.input = nullptr;
-    if (close_stream(input) != 0) fatal_with_name("decode: Unable to close input file, %s\n", files.input_name);
+    if (close_stream(input) != 0)
+        fatal_with_name("decode: Unable to close input file, %s\n", files.input_name);
     if (files.form == OutputForm::wav) {
         std::fseek(files.output, 0, SEEK_END);
         const long length = std::ftell(files.output);
         std::fseek(files.output, 0, SEEK_SET);
         uint8_t header[kWavHeaderSize];
-        make_wav_header(header, static_cast<uint32_t>(length), frames.pcm_channels, frames.pcm_rate);
+        make_wav_header(header, static_cast<uint32_t>(length), frames.pcm_channels,
+                        frames.pcm_rate);
         std::fwrite(header, 1, kWavHeaderSize, files.output);
     }
     FILE* output = files.output;

@@ -21,16 +21,17 @@ void run_or_throw(const std::vector<std::string>& argv) {
 std::string make_tone_wav(const std::string& dir, const std::string& name, int rate, int channels,
                           double seconds) {
     const std::string path = dir + "/" + name;
-    run_or_throw({"/usr/bin/sox", "-R", "-n", "-r", std::to_string(rate), "-c", std::to_string(channels),
-                  "-b", "16", path, "synth", std::to_string(seconds), "sine", "200-3000", "vol",
-                  "0.5"});
+    run_or_throw({"/usr/bin/sox", "-R", "-n", "-r", std::to_string(rate), "-c",
+                  std::to_string(channels), "-b", "16", path, "synth", std::to_string(seconds),
+                  "sine", "200-3000", "vol", "0.5"});
     return path;
 }
 
 std::string lame_encode(const std::string& dir, const std::string& wav, const std::string& name,
                         int bitrate, const std::vector<std::string>& extra) {
     const std::string path = dir + "/" + name;
-    std::vector<std::string> argv = {"/usr/bin/lame", "--quiet", "--cbr", "-b", std::to_string(bitrate)};
+    std::vector<std::string> argv = {"/usr/bin/lame", "--quiet", "--cbr", "-b",
+                                     std::to_string(bitrate)};
     argv.insert(argv.end(), extra.begin(), extra.end());
     argv.push_back(wav);
     argv.push_back(path);
@@ -41,7 +42,8 @@ std::string lame_encode(const std::string& dir, const std::string& wav, const st
 std::string twolame_encode(const std::string& dir, const std::string& wav, const std::string& name,
                            int bitrate, const std::string& mode) {
     const std::string path = dir + "/" + name;
-    run_or_throw({"/usr/bin/twolame", "--quiet", "-b", std::to_string(bitrate), "-m", mode, wav, path});
+    run_or_throw(
+        {"/usr/bin/twolame", "--quiet", "-b", std::to_string(bitrate), "-m", mode, wav, path});
     return path;
 }
 
@@ -54,8 +56,8 @@ std::vector<size_t> walk_frames(const std::string& bytes, size_t start) {
         {{0, 32, 48, 56, 64, 80, 96, 112, 128, 144, 160, 176, 192, 224, 256, 0},
          {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160, 0},
          {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160, 0}}};
-    static const int kHz[4][3] = {{11025, 12000, 8000}, {0, 0, 0}, {22050, 24000, 16000},
-                                  {44100, 48000, 32000}};
+    static const int kHz[4][3] = {
+        {11025, 12000, 8000}, {0, 0, 0}, {22050, 24000, 16000}, {44100, 48000, 32000}};
     std::vector<size_t> starts;
     size_t at = start;
     while (at + 4 <= bytes.size()) {
@@ -71,9 +73,12 @@ std::vector<size_t> walk_frames(const std::string& bytes, size_t start) {
         const long bps = kKbps[lsf][layer - 1][index] * 1000L;
         const long hz = kHz[version][freq];
         long length = 0;
-        if (layer == 1) length = (12 * bps / hz + pad) * 4;
-        else if (layer == 3 && lsf == 1) length = 72 * bps / hz + pad;
-        else length = 144 * bps / hz + pad;
+        if (layer == 1)
+            length = (12 * bps / hz + pad) * 4;
+        else if (layer == 3 && lsf == 1)
+            length = 72 * bps / hz + pad;
+        else
+            length = 144 * bps / hz + pad;
         if (at + static_cast<size_t>(length) > bytes.size()) break;
         starts.push_back(at);
         at += static_cast<size_t>(length);
