@@ -19,9 +19,10 @@ constexpr int reverse_bits(int value, int bits) {
 // D[64i + 32 + j] (i = 0..7) as stored halves, with the window's sign rule and the sign of the
 // history value folded in (a sign change is exact, so the products are unchanged), and the
 // history positions they multiply.
+// Stored term-major ([term][output]) so that the output loop keeps 32 independent sums.
 struct WindowPlan {
-    double coef[32][16];
-    int index[32][16];
+    double coef[16][32];
+    int index[16][32];
 };
 
 double half_window(int i) {  // D[i] / 2 from the stored half
@@ -47,13 +48,13 @@ WindowPlan make_plan() {
             } else {
                 pos_p = j - 17;
             }
-            plan.coef[j][2 * i] = sign_p * half_window(64 * i + j);
-            plan.index[j][2 * i] = 32 * sp + pos_p;
+            plan.coef[2 * i][j] = sign_p * half_window(64 * i + j);
+            plan.index[2 * i][j] = 32 * sp + pos_p;
             // Q_{2i+1}(j): slot 2i + 1 back
             const int sq = 2 * i + 1;
             const int pos_q = j < 16 ? 15 + j : 47 - j;
-            plan.coef[j][2 * i + 1] = half_window(64 * i + 32 + j);
-            plan.index[j][2 * i + 1] = 32 * sq + pos_q;
+            plan.coef[2 * i + 1][j] = half_window(64 * i + 32 + j);
+            plan.index[2 * i + 1][j] = 32 * sq + pos_q;
         }
     }
     return plan;
@@ -106,14 +107,16 @@ void synthesize_slot(const double* slot, double* history, double* out) {
     }
     for (int k = 0; k < 32; ++k) history[31 - k] = r[reverse_bits(k, 5)];
 
-    // Each output sums its 16 products in the order i = 0..7, P before Q, then doubles.
-    for (int j = 0; j < 32; ++j) {
-        const double* coef = kPlan.coef[j];
-        const int* index = kPlan.index[j];
-        double sum = 0.0;
-        for (int t = 0; t < 16; ++t) sum += history[index[t]] * coef[t];
-        out[j] = 2.0 * sum;
+    // Each output sums its 16 products in the order i = 0..7, P before Q, then doubles. The
+    // loops run term by term over all 32 outputs, so the sums advance side by side; each output
+    // still adds its own products in the same order.
+    double sum[32] = {};
+    for (int t = 0; t < 16; ++t) {
+        const double* coef = kPlan.coef[t];
+        const int* index = kPlan.index[t];
+        for (int j = 0; j < 32; ++j) sum[j] += history[index[j]] * coef[j];
     }
+    for (int j = 0; j < 32; ++j) out[j] = 2.0 * sum[j];
 }
 
 void synthesize_granule(Layer3State& state, int32_t channel, double* out) {

@@ -121,6 +121,11 @@ struct LsfCase {
     uint32_t intensity_scale;  // expected (starts at 7)
 };
 
+void PrintTo(const LsfCase& c, std::ostream* os) {
+    *os << "scalefac_compress " << c.scalefac_compress << " channel " << c.channel << " block "
+        << c.block_type << (c.mixed != 0 ? " mixed" : "");
+}
+
 class LsfScaleFactors : public testing::TestWithParam<LsfCase> {};
 
 TEST_P(LsfScaleFactors, ReadThePartitionsOfTheRow) {
