@@ -4,7 +4,7 @@
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 DEMO_MP3 := tests/fixtures/speech_mono_22k.mp3
 
-.PHONY: all release debug test asan bench demo windows windows-test clean
+.PHONY: all release debug test asan bench demo fuzz windows windows-test clean
 
 all: release
 
@@ -23,6 +23,16 @@ asan:
 	cmake --preset asan >/dev/null
 	cmake --build --preset asan -j $(JOBS)
 	ctest --preset asan -j $(JOBS)
+
+# libFuzzer over the decode phase for FUZZ_SECONDS, seeded with the conformance bitstreams.
+FUZZ_SECONDS ?= 60
+fuzz:
+	cmake --preset fuzz >/dev/null
+	cmake --build --preset fuzz -j $(JOBS)
+	mkdir -p build-fuzz/corpus
+	cp -n ../shared/conformance/*/*.bit build-fuzz/corpus/ 2>/dev/null || true
+	build-fuzz/decode_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=16384 \
+	  -artifact_prefix=$(CURDIR)/build-fuzz/ $(CURDIR)/build-fuzz/corpus
 
 bench: release
 	bash bench/run.sh
@@ -46,4 +56,4 @@ windows-test: release windows
 	bash tests/windows/run_wine_test.sh
 
 clean:
-	rm -rf build build-debug build-asan build-windows demo.adpcm demo.wav
+	rm -rf build build-debug build-asan build-fuzz build-windows demo.adpcm demo.wav

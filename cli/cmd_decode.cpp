@@ -1,10 +1,53 @@
-// kavo decode: not in this build yet.
+// kavo decode IN OUT: the decode phase alone, MP3 to 16-bit PCM in the form OUT's name selects
+// (".pcm" raw, ".wav" WAV, ".txt" hexadecimal text). It runs in a private working directory in
+// a child process, so a failure leaves OUT untouched and no temporary file behind.
+#include <cstdio>
+#include <filesystem>
+#include <string>
+
 #include "commands.h"
+#include "entry/decode_loop.h"
+#include "pcmout/pcm_output.h"
+#include "workdir.h"
 
 namespace kavocli {
 
-int cmd_decode(const std::string&, const std::string&) {
-    return not_built("decode", "the MP3 decoder");
+int cmd_decode(const std::string& in, const std::string& out) {
+    const std::string name = std::filesystem::path(out).filename().string();
+    if (kavolib::choose_output_form(name.c_str()) == kavolib::OutputForm::none) {
+        std::fprintf(stderr,
+                     "kavo decode: '%s' selects no output form: the name must contain .wav, "
+                     ".pcm, .TM2 or .txt\n",
+                     out.c_str());
+        return kExitUsage;
+    }
+    std::string why;
+    if (!readable(in, why)) {
+        std::fprintf(stderr, "kavo decode: cannot read '%s': %s\n", in.c_str(), why.c_str());
+        return kExitFailed;
+    }
+    PrivateDir work;
+    if (!work.ok()) {
+        std::fprintf(stderr, "kavo decode: cannot create a private working directory\n");
+        return kExitFailed;
+    }
+    const std::string input = absolute_path(in);
+    const int code = run_in_child(work.path(), [&]() {
+        kavolib::decode_phase(input.c_str(), name.c_str(), nullptr, 0);
+        return 0;
+    });
+    if (code != 0) {
+        std::fprintf(stderr,
+                     "\nkavo decode: decoding '%s' failed (exit code %d); '%s' was not written\n",
+                     in.c_str(), code, out.c_str());
+        return kExitFailed;
+    }
+    const std::string moved = move_file(work.file(name), out);
+    if (!moved.empty()) {
+        std::fprintf(stderr, "kavo decode: cannot write '%s': %s\n", out.c_str(), moved.c_str());
+        return kExitFailed;
+    }
+    return kExitOk;
 }
 
 }  // namespace kavocli

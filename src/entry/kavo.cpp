@@ -2,8 +2,9 @@
 // whole conversion from the MP3 input to the ADPCM output.
 #include <cstdio>
 
+#include "entry/conversion_stages.h"
+#include "entry/decode_loop.h"
 #include "entry/entry.h"
-#include "platform/platform.h"
 
 namespace kavolib {
 
@@ -30,11 +31,6 @@ extern "C" KAVO_API ConversionResult kavo(const char* input_path, const char* ou
     if (refusal != 0) return ConversionResult{refusal, kLibraryVersion};
 
     print_banner();
-    (void)callback;
-    (void)user;
-    // The decoder and the later stages are not part of this build yet: say so instead of
-    // pretending to convert. Like every fatal condition past the checks, this ends the process.
-    std::fprintf(stderr, "\nFATAL ERROR: %s",
-                 "kavo: this build of the library cannot convert yet (decoder not built)\n");
-    end_process(1);
+    decode_phase(input_path, "ZUVRTEMP.TM2", callback, user);
+    return run_conversion_stages(output_path, gain, callback, user);
 }

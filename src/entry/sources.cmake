@@ -1,1 +1,1 @@
-list(APPEND KAVO_SOURCES entry/kavo.cpp)
+list(APPEND KAVO_SOURCES entry/kavo.cpp entry/decode_loop.cpp entry/conversion_stages.cpp)

@@ -1,1 +1,5 @@
-list(APPEND KAVO_SOURCES frame/bitstream.cpp)
+list(APPEND KAVO_SOURCES
+  frame/bitstream.cpp
+  frame/frame_header.cpp
+  frame/frame_sync.cpp
+  frame/codec.cpp)

@@ -1,1 +1,1 @@
-list(APPEND KAVO_SOURCES)
+list(APPEND KAVO_SOURCES pcmout/pcm_output.cpp)

@@ -1,0 +1,176 @@
+// Decoded PCM output: the input and the decoded file of the decode phase, sample conversion,
+// the WAV header and the decode statistics.
+#include "pcmout/pcm_output.h"
+
+#include <chrono>
+#include <cstring>
+#include <string>
+
+#include "platform/platform.h"
+#include "platform/report_message.h"
+
+namespace kavolib {
+
+DecodeFiles g_decode_files = {};
+
+namespace {
+
+// The statistics count seconds from the start of the process; the library is loaded with it.
+const std::chrono::steady_clock::time_point g_process_start = std::chrono::steady_clock::now();
+
+int64_t process_seconds() {
+    const auto elapsed = std::chrono::steady_clock::now() - g_process_start;
+    return std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count() / 1000;
+}
+
+[[noreturn]] void fatal_with_name(const char* format, const char* name) {
+    const int size = std::snprintf(nullptr, 0, format, name);
+    std::string text(static_cast<size_t>(size > 0 ? size : 0) + 1, '\0');
+    std::snprintf(text.data(), text.size(), format, name);
+    report_message(text.c_str(), kMessageFatal);
+    end_process(1);  // report_message does not return for a fatal kind
+}
+
+void put16(uint8_t* at, uint32_t value) {
+    at[0] = static_cast<uint8_t>(value & 0xFFu);
+    at[1] = static_cast<uint8_t>((value >> 8) & 0xFFu);
+}
+
+void put32(uint8_t* at, uint32_t value) {
+    put16(at, value & 0xFFFFu);
+    put16(at + 2, value >> 16);
+}
+
+}  // namespace
+
+OutputForm choose_output_form(const char* name) {
+    if (std::strstr(name, ".pcm") != nullptr) return OutputForm::raw;
+    if (std::strstr(name, ".wav") != nullptr) return OutputForm::wav;
+    if (std::strstr(name, ".TM2") != nullptr) return OutputForm::wav;
+    if (std::strstr(name, ".txt") != nullptr) return OutputForm::text;
+    return OutputForm::none;
+}
+
+int16_t pcm_sample16(double x) {
+    double v = x * 32768.0;
+    v = x > 0 ? v + 0.5 : v - 0.5;
+    // Clip before converting so that huge values and NaN stay defined (NaN becomes -32768,
+    // as every comparison with it fails).
+    if (v >= 32768.0) return 32767;
+    if (!(v > -32769.0)) return -32768;
+    return static_cast<int16_t>(static_cast<int32_t>(v));
+}
+
+uint32_t pcm_sample24(double x) {
+    double v = x * 8388608.0;
+    if (v > 8388607.0) {
+        v = 8388607.0;
+    } else if (!(v >= -8388608.0)) {
+        v = -8388608.0;  // NaN lands here too
+    }
+    return static_cast<uint32_t>(static_cast<int32_t>(v)) & 0xFFFFFFu;
+}
+
+void make_wav_header(uint8_t header[kWavHeaderSize], uint32_t file_length, int32_t channels,
+                     int32_t rate) {
+    const auto ch = static_cast<uint32_t>(channels);
+    const auto hz = static_cast<uint32_t>(rate);
+    std::memcpy(header, "RIFF", 4);
+    put32(header + 4, file_length - 8);
+    std::memcpy(header + 8, "WAVE", 4);
+    std::memcpy(header + 12, "fmt ", 4);
+    put32(header + 16, 16);
+    put16(header + 20, 1);
+    put16(header + 22, ch);
+    put32(header + 24, hz);
+    put32(header + 28, (hz * ch * 16 + 7) / 8);
+    put16(header + 32, (ch * 16 + 7) / 8);
+    put16(header + 34, 16);
+    std::memcpy(header + 36, "data", 4);
+    put32(header + 40, file_length - 44);
+}
+
+void open_decode_files(DecodeFiles& files, FrameState& frames) {
+    files.input = open_stream(files.input_name, "rb");
+    if (files.input == nullptr)
+        fatal_with_name("decode: Input file, %s, not found\n", files.input_name);
+    std::fseek(files.input, 0, SEEK_END);
+    files.input_length = std::ftell(files.input);
+    std::rewind(files.input);
+    frames.bytes_read = 0;
+
+    files.form = choose_output_form(files.output_name);
+    if (files.form == OutputForm::none) {
+        report_message("decode: output file '.wav','.pcm' or '.txt' allowed only!\n",
+                       kMessageFatal);
+    }
+    files.output = open_stream(files.output_name, files.form == OutputForm::text ? "wt" : "wb");
+    if (files.output == nullptr) {
+        fatal_with_name("decode: Unable to create output file, %s\n", files.output_name);
+    }
+    if (files.form == OutputForm::wav) {
+        const uint8_t placeholder[kWavHeaderSize] = {};
+        std::fwrite(placeholder, 1, kWavHeaderSize, files.output);
+    }
+}
+
+void write_granule_pcm(DecodeFiles& files, const double* pcm, int32_t channels) {
+    const int per_position = channels == 2 ? 2 : 1;
+    if (files.form == OutputForm::text) {
+        for (int i = 0; i < kGranuleSamples; ++i) {
+            for (int ch = 0; ch < per_position; ++ch) {
+                std::fprintf(files.output, "%06x\n", pcm_sample24(pcm[ch * kGranuleSamples + i]));
+            }
+        }
+        return;
+    }
+    uint8_t bytes[2 * 2 * kGranuleSamples];
+    size_t count = 0;
+    for (int i = 0; i < kGranuleSamples; ++i) {
+        for (int ch = 0; ch < per_position; ++ch) {
+            const auto value = static_cast<uint16_t>(pcm_sample16(pcm[ch * kGranuleSamples + i]));
+            put16(bytes + count, value);
+            count += 2;
+        }
+    }
+    std::fwrite(bytes, 1, count, files.output);
+}
+
+void print_decode_statistics(int64_t frame_counter, int32_t granules, int32_t pcm_rate,
+                             int64_t elapsed_seconds) {
+    std::fprintf(stderr, "  %lld frames processed\n", static_cast<long long>(frame_counter));
+    // No frame delivered in the library's lifetime (rate 0): no audio, and the speed figure is 0.
+    const int64_t audio_seconds =
+        pcm_rate > 0 ? int64_t{granules} * frame_counter * kGranuleSamples / pcm_rate : 0;
+    const double speedup = pcm_rate > 0 ? static_cast<double>(elapsed_seconds) /
+                                              (static_cast<double>(audio_seconds) + 1e-12)
+                                        : 0.0;
+    std::fprintf(stderr, "\nDecoding time=%02d:%02d, Speedup=%f\n",
+                 static_cast<int>((elapsed_seconds / 60) % 60),
+                 static_cast<int>(elapsed_seconds % 60), speedup);
+}
+
+void close_decode_files(DecodeFiles& files, const FrameState& frames, int32_t granules,
+                        int64_t frame_counter) {
+    FILE* input = files.input;
+    files.input = nullptr;
+    if (close_stream(input) != 0)
+        fatal_with_name("decode: Unable to close input file, %s\n", files.input_name);
+    if (files.form == OutputForm::wav) {
+        std::fseek(files.output, 0, SEEK_END);
+        const long length = std::ftell(files.output);
+        std::fseek(files.output, 0, SEEK_SET);
+        uint8_t header[kWavHeaderSize];
+        make_wav_header(header, static_cast<uint32_t>(length), frames.pcm_channels,
+                        frames.pcm_rate);
+        std::fwrite(header, 1, kWavHeaderSize, files.output);
+    }
+    FILE* output = files.output;
+    files.output = nullptr;
+    if (close_stream(output) != 0) {
+        fatal_with_name("decode: Unable to close output file, %s\n", files.output_name);
+    }
+    print_decode_statistics(frame_counter, granules, frames.pcm_rate, process_seconds());
+}
+
+}  // namespace kavolib

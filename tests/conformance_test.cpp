@@ -1,0 +1,200 @@
+// Conformance bitstreams decoded through the whole decode phase (kavo decode to raw PCM) and
+// compared with their reference PCM: maximum difference and PSNR per file. Where our output
+// differs from the reference on purpose (sync confirmation, free-format measurement, the
+// state cleared at a mode change, concealment by silence), the case says which samples are
+// left out of the comparison and why, and checks what they must hold instead.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "mp3_files.h"
+#include "process.h"
+
+using kavotest::TempDir;
+
+namespace {
+
+enum class Check {
+    within_one_lsb,  // every compared value within 1 LSB of the reference
+    report_only,     // the reference is not trusted: measured and printed, not asserted
+    decodes,         // malformed input without a usable reference: must decode without fault
+};
+
+struct ConformanceCase {
+    const char* name;  // test name
+    const char* file;  // below the conformance folder, without extension
+    Check check;
+    long ref_offset;      // our value v is compared with reference value v + ref_offset
+    long silent_values;   // our leading values that must be exactly 0 (concealed frames)
+    long skipped_values;  // further leading values left out of the comparison
+    std::vector<int> changed_frames;  // frames of our output left out (mode changes)
+    long expected_values;             // length of our output in values; -1: the reference's length
+    const char* why;
+};
+
+void PrintTo(const ConformanceCase& c, std::ostream* os) {
+    *os << c.file;
+}
+
+std::vector<int16_t> samples_of(const std::string& bytes) {
+    std::vector<int16_t> values(bytes.size() / 2);
+    for (size_t i = 0; i < values.size(); ++i) {
+        values[i] = static_cast<int16_t>(static_cast<uint8_t>(bytes[2 * i]) |
+                                         (static_cast<uint8_t>(bytes[2 * i + 1]) << 8));
+    }
+    return values;
+}
+
+// Value ranges of the frames of a stream that starts with a header: [start, end) per frame.
+std::vector<std::pair<long, long>> frame_values(const std::string& bytes) {
+    std::vector<std::pair<long, long>> ranges;
+    long at = 0;
+    for (size_t start : kavotest::walk_frames(bytes, 0)) {
+        const auto b1 = static_cast<uint8_t>(bytes[start + 1]);
+        const auto b3 = static_cast<uint8_t>(bytes[start + 3]);
+        const long granules = ((b1 >> 3) & 1) != 0 ? 2 : 1;
+        const long channels = (b3 >> 6) == 3 ? 1 : 2;
+        const long n = granules * 576 * channels;
+        ranges.emplace_back(at, at + n);
+        at += n;
+    }
+    return ranges;
+}
+
+class Conformance : public testing::TestWithParam<ConformanceCase> {};
+
+TEST_P(Conformance, DecodePhaseAgainstReference) {
+    const ConformanceCase& c = GetParam();
+    const std::string base = std::string(KAVO_SHARED_DIR) + "/conformance/" + c.file;
+    TempDir dir;
+    const auto run =
+        kavotest::run_process({KAVO_CLI_PATH, "decode", base + ".bit", dir.file("out.pcm")});
+    ASSERT_EQ(run.exit_code, 0) << run.err;
+    const std::vector<int16_t> ours = samples_of(kavotest::read_file(dir.file("out.pcm")));
+    if (c.check == Check::decodes) {
+        if (c.expected_values >= 0) {
+            EXPECT_EQ(static_cast<long>(ours.size()), c.expected_values);
+        }
+        return;
+    }
+    const std::vector<int16_t> ref = samples_of(kavotest::read_file(base + ".pcm"));
+    if (c.expected_values >= 0) {
+        EXPECT_EQ(static_cast<long>(ours.size()), c.expected_values);
+    }
+
+    for (long v = 0; v < c.silent_values && v < static_cast<long>(ours.size()); ++v) {
+        ASSERT_EQ(ours[static_cast<size_t>(v)], 0)
+            << "value " << v << " should be concealed as silence";
+    }
+    std::vector<bool> left_out(ours.size(), false);
+    if (!c.changed_frames.empty()) {
+        const auto ranges = frame_values(kavotest::read_file(base + ".bit"));
+        for (int frame : c.changed_frames) {
+            ASSERT_LT(static_cast<size_t>(frame), ranges.size());
+            for (long v = ranges[static_cast<size_t>(frame)].first;
+                 v < ranges[static_cast<size_t>(frame)].second; ++v) {
+                left_out[static_cast<size_t>(v)] = true;
+            }
+        }
+    }
+
+    long compared = 0;
+    long over_one = 0;
+    int max_diff = 0;
+    double squares = 0.0;
+    for (long v = c.silent_values + c.skipped_values; v < static_cast<long>(ours.size()); ++v) {
+        const long r = v + c.ref_offset;
+        if (r < 0 || r >= static_cast<long>(ref.size())) continue;
+        if (left_out[static_cast<size_t>(v)]) continue;
+        const int d = std::abs(ours[static_cast<size_t>(v)] - ref[static_cast<size_t>(r)]);
+        max_diff = std::max(max_diff, d);
+        over_one += d > 1 ? 1 : 0;
+        squares += static_cast<double>(d) * d;
+        ++compared;
+    }
+    const double mse = compared > 0 ? squares / static_cast<double>(compared) : 0.0;
+    const double psnr = mse > 0 ? 10.0 * std::log10(32767.0 * 32767.0 / mse) : INFINITY;
+    std::printf("%-44s values %8ld compared %8ld  max |diff| %5d  over 1 LSB %7ld  PSNR %7.2f dB\n",
+                c.file, static_cast<long>(ours.size()), compared, max_diff, over_one, psnr);
+    RecordProperty("max_abs_diff", max_diff);
+    RecordProperty("psnr_db", std::to_string(psnr));
+    if (c.check == Check::within_one_lsb) {
+        if (!ref.empty()) {
+            EXPECT_GT(compared, 0) << "nothing was compared";
+        }
+        EXPECT_LE(max_diff, 1) << c.why;
+    }
+}
+
+const long kStereo44 = 2304;  // values of one MPEG-1 stereo frame
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(
+    Bitstreams, Conformance,
+    testing::Values(
+        ConformanceCase{"compl", "iso11172-4/l3-compl", Check::within_one_lsb, 0, 0, 0, {}, 248832, ""},
+        ConformanceCase{"he_32khz", "iso11172-4/l3-he_32khz", Check::within_one_lsb, 0, 0, 0, {}, 172800,
+                        "the reference drops the final frame; ours has it"},
+        ConformanceCase{"he_44khz", "iso11172-4/l3-he_44khz", Check::within_one_lsb, 0, 0, 0, {}, 472320, ""},
+        ConformanceCase{"he_48khz", "iso11172-4/l3-he_48khz", Check::within_one_lsb, 0, 0, 0, {}, 172800, ""},
+        // Free format: the first frame is measured and it and the next are not delivered; the
+        // two frames after them lack their main data in the reservoir and come out silent, and
+        // the one after those is decoded from an empty overlap and synthesis history.
+        ConformanceCase{"he_free", "iso11172-4/l3-he_free", Check::within_one_lsb, 2 * kStereo44,
+                        2 * kStereo44, kStereo44, {}, 66 * kStereo44, "free-format measurement"},
+        // A mode change clears the overlap and synthesis state, where the reference carries
+        // it over: the first frame after each change differs.
+        ConformanceCase{"he_mode", "iso11172-4/l3-he_mode", Check::within_one_lsb, 0, 0, 0,
+                        {10, 20, 30, 110}, 262656, "state cleared at a mode change"},
+        ConformanceCase{"hecommon", "iso11172-4/l3-hecommon", Check::within_one_lsb, 0, 0, 0, {}, 69120, ""},
+        ConformanceCase{"si", "iso11172-4/l3-si", Check::within_one_lsb, 0, 0, 0, {}, 135936, ""},
+        ConformanceCase{"si_block", "iso11172-4/l3-si_block", Check::within_one_lsb, 0, 0, 0, {}, 73728, ""},
+        ConformanceCase{"si_huff", "iso11172-4/l3-si_huff", Check::within_one_lsb, 0, 0, 0, {}, 86400, ""},
+        // 215 bytes that are not a frame: sync must be confirmed, so stream frame 0 is read but
+        // not delivered. Frames 1 and 2 then lack main data (silence; the reference gives them
+        // no output at all), and frame 3 is decoded from an empty overlap and synthesis
+        // history where the reference had decoded frame 2 before it.
+        ConformanceCase{"sin1k0db", "iso11172-4/l3-sin1k0db", Check::within_one_lsb, -kStereo44,
+                        2 * kStereo44, kStereo44, {}, 316 * kStereo44, "sync confirmation after junk"},
+        ConformanceCase{"m2_bitrate_16", "mpeg2-lsf/M2L3_bitrate_16_all", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
+        ConformanceCase{"m2_bitrate_22", "mpeg2-lsf/M2L3_bitrate_22_all", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
+        ConformanceCase{"m2_bitrate_24", "mpeg2-lsf/M2L3_bitrate_24_all", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
+        ConformanceCase{"m2_compl24", "mpeg2-lsf/M2L3_compl24", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
+        ConformanceCase{"m2_noise", "mpeg2-lsf/M2L3_noise", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
+        // Independent decoders disagree with these references and with one another.
+        ConformanceCase{"test45", "mpeg2-lsf/l3-test45", Check::report_only, 0, 0, 0, {}, -1, "unverified reference"},
+        ConformanceCase{"test46", "mpeg2-lsf/l3-test46", Check::report_only, 0, 0, 0, {}, -1, "unverified reference"},
+        ConformanceCase{"ill2", "nonstandard/ILL2_layer3", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
+        ConformanceCase{"id3v1", "nonstandard/l3-nonstandard-id3v1", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
+        ConformanceCase{"apetag", "nonstandard/l3-nonstandard-apetag", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
+        ConformanceCase{"id3v1_apetag", "nonstandard/l3-nonstandard-id3v1-apetag", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
+        // The one frame follows the tag, so it would need a second frame to confirm sync.
+        ConformanceCase{"id3v2", "nonstandard/l3-nonstandard-id3v2", Check::decodes, 0, 0, 0, {}, 0,
+                        "a frame after skipped bytes is not delivered"},
+        // The reference covers only the 44.1 kHz part; ours goes on into the 48 kHz part.
+        ConformanceCase{"he_44_48khz", "nonstandard/l3-nonstandard-he_44_48khz", Check::within_one_lsb, 0, 0, 0, {}, 645120, ""},
+        // A frame holding an Info tag is decoded like any frame: its empty granules are silence,
+        // where the reference drops the frame.
+        ConformanceCase{"vbrtag_only", "nonstandard/l3-nonstandard-vbrtag-only", Check::within_one_lsb, 0, 2304, 0, {}, 2304, "tag frame decoded"},
+        ConformanceCase{"vbrtag_empty", "nonstandard/l3-nonstandard-vbrtag-empty", Check::within_one_lsb, 0, 2304, 0, {}, 2304, "tag frame decoded"},
+        ConformanceCase{"vbrtag_noframes", "nonstandard/l3-nonstandard-vbrtag-noframes", Check::within_one_lsb, 0, 2304, 0, {}, 2304, "tag frame decoded"},
+        ConformanceCase{"vbrtag_corrupted", "nonstandard/l3-nonstandard-vbrtag-corrupted", Check::within_one_lsb, 0, 2304, 0, {}, 2304, "tag frame decoded"},
+        ConformanceCase{"vbrtag_oob_read", "nonstandard/l3-nonstandard-vbrtag-oob-read", Check::within_one_lsb, 0, 0, 0, {}, 2304, ""},
+        ConformanceCase{"id3v2_only", "nonstandard/l3-nonstandard-id3v2-only", Check::decodes, 0, 0, 0, {}, 0, ""},
+        ConformanceCase{"sideinfo_size", "nonstandard/l3-nonstandard-sideinfo-size", Check::decodes, 0, 0, 0, {}, 0, ""},
+        ConformanceCase{"small", "nonstandard/l3-nonstandard-small", Check::decodes, 0, 0, 0, {}, 0, ""},
+        ConformanceCase{"big_iscf", "nonstandard/l3-nonstandard-big-iscf", Check::decodes, 0, 0, 0, {}, -1, ""},
+        ConformanceCase{"compl_bigvalues", "nonstandard/l3-nonstandard-compl-sideinfo-bigvalues", Check::report_only, 0, 0, 0, {}, -1, "corrupted side information"},
+        ConformanceCase{"compl_blocktype", "nonstandard/l3-nonstandard-compl-sideinfo-blocktype", Check::report_only, 0, 0, 0, {}, -1, "corrupted side information"},
+        ConformanceCase{"compl_size", "nonstandard/l3-nonstandard-compl-sideinfo-size", Check::report_only, 0, 0, 0, {}, -1, "corrupted side information"},
+        ConformanceCase{"lame_vbrtag", "nonstandard/l3-nonstandard-sin1k0db_lame_vbrtag", Check::report_only, 0, 0, 0, {}, -1,
+                        "the reference is trimmed for gapless playback"}),
+    [](const testing::TestParamInfo<ConformanceCase>& p) { return std::string(p.param.name); });
+// clang-format on
+
+}  // namespace

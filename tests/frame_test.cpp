@@ -1,0 +1,494 @@
+// The frame layer: the bit reader and CRC over the circular buffer, header decoding, frame
+// synchronisation over real encoder output, garbage, tags, truncation and free format, the
+// once-only header lines, and the codec command dispatcher.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "frame/bitstream.h"
+#include "frame/codec.h"
+#include "frame/frame_header.h"
+#include "frame/frame_sync.h"
+#include "mp3_files.h"
+#include "process.h"
+
+using namespace kavolib;
+using kavotest::TempDir;
+
+namespace {
+
+// A plain reference: bit k of the circular buffer, counted from the MSB of byte 0.
+uint32_t reference_bits(const uint8_t* bytes, int32_t byte_index, int32_t bit_offset, int n) {
+    uint32_t value = 0;
+    for (int i = 0; i < n; ++i) {
+        const int64_t bit = int64_t{byte_index} * 8 + bit_offset + i;
+        const auto byte = static_cast<size_t>((bit / 8) % kStreamBufferSize);
+        value = (value << 1) | ((bytes[byte] >> (7 - bit % 8)) & 1u);
+    }
+    return value;
+}
+
+uint32_t reference_crc(uint32_t reg, const uint8_t* data, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+        for (int bit = 7; bit >= 0; --bit) {
+            const uint32_t in = (data[i] >> bit) & 1u;
+            const uint32_t top = (reg >> 15) & 1u;
+            reg = (reg << 1) & 0xFFFFu;
+            if ((top ^ in) != 0) reg ^= 0x8005u;
+        }
+    }
+    return reg;
+}
+
+struct Fixture {
+    std::unique_ptr<StreamBuffer> buffer = std::make_unique<StreamBuffer>();
+    BitReader reader{};
+    Fixture() {
+        std::mt19937 random(7);
+        for (auto& b : buffer->bytes) b = static_cast<uint8_t>(random());
+        reader.cursor = BitPosition{buffer->bytes, 0, 0};
+    }
+};
+
+// A fresh frame-layer state at the start of a conversion.
+std::unique_ptr<FrameState> fresh_state() {
+    auto state = std::make_unique<FrameState>();
+    std::memset(state.get(), 0, sizeof(FrameState));
+    state->sync_state = sync_pending;
+    return state;
+}
+
+struct Delivered {
+    int64_t bytes_read_after;  // file offset just after the frame
+    int32_t frame_length;
+    int32_t header_start;  // in the stream buffer
+};
+
+// Every frame read_frame delivers from the file, and the state after the end.
+std::vector<Delivered> read_all_frames(const std::string& path, FrameState& state) {
+    FILE* input = std::fopen(path.c_str(), "rb");
+    EXPECT_NE(input, nullptr) << path;
+    std::vector<Delivered> frames;
+    if (input == nullptr) return frames;
+    while (read_frame(state, input) == 0) {
+        int32_t start = state.current.byte_index - 4;
+        if (start < 0) start += kStreamBufferSize;
+        frames.push_back({state.bytes_read, g_frame_header.frame_length, start});
+    }
+    std::fclose(input);
+    return frames;
+}
+
+CodecResult check_header(const std::vector<uint8_t>& bytes, int32_t free_length = 0) {
+    static StreamBuffer buffer;
+    std::memset(buffer.bytes, 0, sizeof buffer.bytes);
+    std::memcpy(buffer.bytes, bytes.data(), bytes.size());
+    static HeaderJob job;
+    job = HeaderJob{BitPosition{buffer.bytes, 0, 0}, 0, free_length};
+    return codec_command(CodecRequest{kCodecDecodeHeader, 0, &job});
+}
+
+}  // namespace
+
+TEST(BitReader, ReadsMatchAPlainBitWalkAtEveryOffsetAndWidthAcrossTheWrap) {
+    Fixture f;
+    for (int32_t index : {0, 1, 1000, 1915, 1916, 1917, 1918, 1919}) {
+        for (int32_t offset = 0; offset < 8; ++offset) {
+            for (int n = 1; n <= 24; ++n) {
+                f.reader.cursor = BitPosition{f.buffer->bytes, offset, index};
+                const uint32_t expected = reference_bits(f.buffer->bytes, index, offset, n);
+                ASSERT_EQ(bitunp_peek(f.reader, n), expected)
+                    << index << "/" << offset << " n=" << n;
+                ASSERT_EQ(f.reader.cursor.byte_index, index) << "peek moved the cursor";
+                ASSERT_EQ(bitunp_rj(f.reader, n), expected) << index << "/" << offset << " n=" << n;
+                const int64_t end = int64_t{index} * 8 + offset + n;
+                EXPECT_EQ(f.reader.cursor.bit_offset, end % 8);
+                EXPECT_EQ(f.reader.cursor.byte_index, (end / 8) % kStreamBufferSize);
+            }
+        }
+    }
+}
+
+TEST(BitReader, EdgeMovesOfTheCursor) {
+    Fixture f;
+    f.buffer->bytes[1919] = 0xA5;
+    f.reader.cursor = BitPosition{f.buffer->bytes, 0, 1919};
+    EXPECT_EQ(bitunp_rj(f.reader, 8), 0xA5u);
+    EXPECT_EQ(f.reader.cursor.byte_index, 0);
+    EXPECT_EQ(f.reader.cursor.bit_offset, 0);
+
+    f.reader.cursor = BitPosition{f.buffer->bytes, 5, 17};
+    EXPECT_EQ(bitunp_rj(f.reader, 0), 0u);
+    EXPECT_EQ(bitunp_peek(f.reader, 0), 0u);
+    EXPECT_EQ(f.reader.cursor.bit_offset, 5);
+    EXPECT_EQ(f.reader.cursor.byte_index, 17);
+
+    f.reader.cursor = BitPosition{f.buffer->bytes, 3, 1918};
+    bitunp_skip(f.reader, 13);
+    EXPECT_EQ(f.reader.cursor.bit_offset, 0);
+    EXPECT_EQ(f.reader.cursor.byte_index, 0);
+    bitunp_back(f.reader, 13);
+    EXPECT_EQ(f.reader.cursor.bit_offset, 3);
+    EXPECT_EQ(f.reader.cursor.byte_index, 1918);
+
+    f.reader.cursor = BitPosition{f.buffer->bytes, 0, 0};
+    bitunp_back(f.reader, 1);
+    EXPECT_EQ(f.reader.cursor.bit_offset, 7);
+    EXPECT_EQ(f.reader.cursor.byte_index, 1919);
+
+    // Long moves in both directions land where the bit arithmetic says.
+    for (int n : {0, 7, 8, 9, 4095, 15360, 15361, 40000}) {
+        f.reader.cursor = BitPosition{f.buffer->bytes, 6, 100};
+        bitunp_skip(f.reader, n);
+        const int64_t ahead = 100 * 8 + 6 + int64_t{n};
+        EXPECT_EQ(f.reader.cursor.bit_offset, ahead % 8) << n;
+        EXPECT_EQ(f.reader.cursor.byte_index, (ahead / 8) % kStreamBufferSize) << n;
+        bitunp_back(f.reader, n);
+        EXPECT_EQ(f.reader.cursor.bit_offset, 6) << n;
+        EXPECT_EQ(f.reader.cursor.byte_index, 100) << n;
+    }
+}
+
+TEST(Crc16, TableAndRegisterFollowTheGeneratorBitByBit) {
+    for (uint32_t i = 0; i < 256; ++i) {
+        const auto byte = static_cast<uint8_t>(i);
+        ASSERT_EQ(kCrcTable[i], reference_crc(0, &byte, 1)) << i;
+    }
+    EXPECT_EQ(kCrcTable[1], 0x8005u);
+    EXPECT_EQ(kCrcTable[255], 0x0202u);
+
+    Fixture f;
+    std::memcpy(f.buffer->bytes + 10, "abc", 3);
+    f.reader.crc = 0xFFFF;
+    crc_calc_byte(f.reader, f.buffer->bytes, 10, 0, 3);
+    EXPECT_EQ(f.reader.crc, 0x44D8u);
+    crc_calc_byte(f.reader, f.buffer->bytes, 10, 0, 0);
+    EXPECT_EQ(f.reader.crc, 0x44D8u) << "a count of 0 changes nothing";
+
+    // Past byte 1919 the bytes continue at byte 0.
+    uint8_t wrapped[40];
+    std::memcpy(wrapped, f.buffer->bytes + 1900, 20);
+    std::memcpy(wrapped + 20, f.buffer->bytes, 20);
+    f.reader.crc = 0xFFFF;
+    crc_calc_byte(f.reader, f.buffer->bytes, 1900, 0, 40);
+    EXPECT_EQ(f.reader.crc, reference_crc(0xFFFF, wrapped, 40));
+}
+
+TEST(Crc16DeathTest, UnalignedStartIsFatal) {
+    Fixture f;
+    EXPECT_EXIT(crc_calc_byte(f.reader, f.buffer->bytes, 0, 3, 2), testing::ExitedWithCode(1),
+                "FATAL ERROR: crc_calc_byte: bit offset not byte aligned");
+}
+
+// (bytes of a header, expected error or the expected frame length)
+struct HeaderCase {
+    const char* what;
+    std::vector<uint8_t> bytes;
+    int32_t error;
+    int32_t frame_length;
+    int32_t granules;
+};
+
+class HeaderDecode : public testing::TestWithParam<HeaderCase> {};
+
+TEST_P(HeaderDecode, FieldsAndLength) {
+    const HeaderCase& c = GetParam();
+    const CodecResult result = check_header(c.bytes);
+    EXPECT_EQ(result.status, 1);
+    ASSERT_EQ(result.error, c.error);
+    if (c.error != 0) {
+        EXPECT_NE(result.result, static_cast<void*>(&g_frame_header));
+        return;
+    }
+    ASSERT_EQ(result.result, static_cast<void*>(&g_frame_header));
+    EXPECT_EQ(g_frame_header.frame_length, c.frame_length);
+    EXPECT_EQ(g_frame_header.granules, c.granules);
+    EXPECT_EQ(g_frame_header.header_word1, (uint32_t{c.bytes[0]} << 8) | c.bytes[1]);
+    EXPECT_EQ(g_frame_header.header_word2, (uint32_t{c.bytes[2]} << 8) | c.bytes[3]);
+    EXPECT_EQ(g_frame_header.channels, (c.bytes[3] >> 6) == 3 ? 1 : 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Headers, HeaderDecode,
+    testing::Values(HeaderCase{"mpeg1_128k_44k", {0xFF, 0xFB, 0x90, 0x00}, 0, 417, 2},
+                    HeaderCase{"mpeg1_128k_44k_padded", {0xFF, 0xFB, 0x92, 0x00}, 0, 418, 2},
+                    HeaderCase{"mpeg1_320k_48k_crc", {0xFF, 0xFA, 0xE4, 0xC0}, 0, 960, 2},
+                    HeaderCase{"mpeg2_64k_22k", {0xFF, 0xF3, 0x80, 0xC0}, 0, 208, 1},
+                    HeaderCase{"mpeg25_8k_8k", {0xFF, 0xE3, 0x18, 0xC0}, 0, 72, 1},
+                    HeaderCase{"mpeg25_64k_11k_padded", {0xFF, 0xE3, 0x82, 0x00}, 0, 418, 1},
+                    HeaderCase{"layer1_32k_44k", {0xFF, 0xFF, 0x10, 0xC0}, 0, 32, 12},
+                    HeaderCase{"layer2_192k_48k", {0xFF, 0xFD, 0xA4, 0x00}, 0, 576, 12},
+                    HeaderCase{"layer2_32k_stereo", {0xFF, 0xFD, 0x10, 0x00}, 5, 0, 0},
+                    HeaderCase{"layer2_32k_mono", {0xFF, 0xFD, 0x10, 0xC0}, 0, 104, 12},
+                    HeaderCase{"layer2_320k_mono", {0xFF, 0xFD, 0xD0, 0xC0}, 5, 0, 0},
+                    HeaderCase{"no_sync", {0xFF, 0x7B, 0x90, 0x00}, 1, 0, 0},
+                    HeaderCase{"reserved_version", {0xFF, 0xEB, 0x90, 0x00}, 1, 0, 0},
+                    HeaderCase{"layer_code_0", {0xFF, 0xF9, 0x90, 0x00}, 2, 0, 0},
+                    HeaderCase{"bitrate_15", {0xFF, 0xFB, 0xF0, 0x00}, 3, 0, 0},
+                    HeaderCase{"sample_freq_3", {0xFF, 0xFB, 0x9C, 0x00}, 4, 0, 0},
+                    HeaderCase{"free_format_unmeasured", {0xFF, 0xFB, 0x00, 0x00}, 0, 0, 2}),
+    [](const testing::TestParamInfo<HeaderCase>& p) { return std::string(p.param.what); });
+
+TEST(HeaderDecodeFree, MeasuredLengthPlusPaddingAndCrcStart) {
+    EXPECT_EQ(check_header({0xFF, 0xFB, 0x02, 0x00}, 391).error, 0);
+    EXPECT_EQ(g_frame_header.frame_length, 392);
+    // A protected header starts the CRC over its last two bytes.
+    ASSERT_EQ(check_header({0xFF, 0xFA, 0x90, 0x44}).error, 0);
+    const uint8_t tail[2] = {0x90, 0x44};
+    EXPECT_EQ(g_bit_reader.crc, reference_crc(0xFFFF, tail, 2));
+    EXPECT_EQ(g_frame_header.crc_protect, 1);
+}
+
+class LameFrames : public testing::TestWithParam<std::tuple<int, int>> {};
+
+// Frames of real encoder output at every sampling rate: each frame is delivered, one per call,
+// its length agrees with an independent walk of the file, and the frame count with mpg123.
+TEST_P(LameFrames, EveryFrameDeliveredWithItsLength) {
+    const auto [rate, bitrate] = GetParam();
+    TempDir dir;
+    const std::string wav = kavotest::make_tone_wav(dir.path(), "t.wav", rate, 1, 0.7);
+    const std::string mp3 =
+        kavotest::lame_encode(dir.path(), wav, "t.mp3", bitrate,
+                              {"-t", "-m", "m", "--resample", std::to_string(rate / 1000.0)});
+    const std::string bytes = kavotest::read_file(mp3);
+    const std::vector<size_t> starts = kavotest::walk_frames(bytes, 0);
+    ASSERT_GT(starts.size(), 3u);
+
+    auto state = fresh_state();
+    const auto frames = read_all_frames(mp3, *state);
+    ASSERT_EQ(frames.size(), starts.size());
+    for (size_t i = 0; i < frames.size(); ++i) {
+        const size_t next = i + 1 < starts.size() ? starts[i + 1] : bytes.size();
+        EXPECT_EQ(frames[i].frame_length, static_cast<int32_t>(next - starts[i])) << i;
+        EXPECT_EQ(frames[i].bytes_read_after, static_cast<int64_t>(next)) << i;
+    }
+    EXPECT_EQ(state->pcm_rate, rate);
+    EXPECT_EQ(state->pcm_channels, 1);
+
+    const auto decoded =
+        kavotest::run_process({"/usr/bin/mpg123", "-q", "-s", "--no-gapless", mp3});
+    const size_t per_frame = (rate >= 32000 ? 1152u : 576u) * 2u;
+    EXPECT_EQ(decoded.out.size() / per_frame, frames.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(Rates, LameFrames,
+                         testing::Values(std::make_tuple(44100, 128), std::make_tuple(48000, 320),
+                                         std::make_tuple(32000, 40), std::make_tuple(22050, 64),
+                                         std::make_tuple(24000, 160), std::make_tuple(16000, 8),
+                                         std::make_tuple(11025, 24), std::make_tuple(12000, 64),
+                                         std::make_tuple(8000, 8)));
+
+class SyncFixture : public testing::Test {
+  protected:
+    void SetUp() override {
+        const std::string wav = kavotest::make_tone_wav(dir.path(), "t.wav", 44100, 2, 0.5);
+        mp3 = kavotest::read_file(kavotest::lame_encode(dir.path(), wav, "t.mp3", 128, {"-t"}));
+        starts = kavotest::walk_frames(mp3, 0);
+        ASSERT_GT(starts.size(), 5u);
+    }
+    std::vector<Delivered> frames_of(const std::string& bytes) {
+        kavotest::write_file(dir.file("in.mp3"), bytes);
+        state = fresh_state();
+        return read_all_frames(dir.file("in.mp3"), *state);
+    }
+    TempDir dir;
+    std::string mp3;
+    std::vector<size_t> starts;
+    std::unique_ptr<FrameState> state;
+};
+
+TEST_F(SyncFixture, GarbageBeforeTheFramesCostsTheFirstFrameAfterIt) {
+    // Bytes with stray 0xFF and near-headers: nothing may sync on them.
+    std::string garbage;
+    std::mt19937 random(3);
+    for (int i = 0; i < 700; ++i) garbage.push_back(static_cast<char>(random() % 255));
+    garbage += std::string("\xFF\xFB\xF0\x00\xFF\xFB\x9C\x00\xFF\xF9", 10);
+    const auto frames = frames_of(garbage + mp3);
+    ASSERT_EQ(frames.size(), starts.size() - 1);
+    EXPECT_EQ(frames.front().bytes_read_after, static_cast<int64_t>(garbage.size() + starts[2]));
+    EXPECT_EQ(frames.back().bytes_read_after, static_cast<int64_t>(garbage.size() + mp3.size()));
+}
+
+TEST_F(SyncFixture, Id3v2TagIsSkippedLikeAnyNonHeader) {
+    // An ID3v2.3 tag with a Latin-1 title and padding, as taggers write it.
+    std::string frame = std::string("TIT2\0\0\0\x0B\0\0\0", 11) + "kavo tone!";
+    std::string body = frame + std::string(300, '\0');
+    const size_t n = body.size();
+    std::string tag = std::string("ID3\x03\0\0", 6);
+    for (int shift : {21, 14, 7, 0}) tag.push_back(static_cast<char>((n >> shift) & 0x7F));
+    tag += body;
+    const auto frames = frames_of(tag + mp3);
+    ASSERT_EQ(frames.size(), starts.size() - 1);
+    EXPECT_EQ(frames.front().bytes_read_after, static_cast<int64_t>(tag.size() + starts[2]));
+    EXPECT_EQ(frames.back().bytes_read_after, static_cast<int64_t>(tag.size() + mp3.size()));
+}
+
+TEST_F(SyncFixture, FileThatStartsWithAHeaderDeliversItsFirstFrame) {
+    const auto frames = frames_of(mp3);
+    ASSERT_EQ(frames.size(), starts.size());
+    EXPECT_EQ(frames.front().bytes_read_after, static_cast<int64_t>(starts[1]));
+    EXPECT_EQ(frames.front().header_start, 0);
+}
+
+TEST_F(SyncFixture, TruncatedFinalFrameIsNotDelivered) {
+    for (size_t cut : {size_t{1}, size_t{3}, size_t{4}, size_t{5}, size_t{200}}) {
+        testing::internal::CaptureStderr();
+        const auto frames = frames_of(mp3.substr(0, starts.back() + cut));
+        const std::string err = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(frames.size(), starts.size() - 1) << cut;
+        EXPECT_NE(err.find("\n\nAll Done !"), std::string::npos);
+    }
+}
+
+TEST_F(SyncFixture, EmptyFileEndsAtOnceWithAllDone) {
+    testing::internal::CaptureStderr();
+    const auto frames = frames_of("");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "\n\nAll Done !");
+    EXPECT_TRUE(frames.empty());
+    EXPECT_EQ(state->bytes_read, 0);
+}
+
+TEST_F(SyncFixture, ACorruptHeaderMidStreamCostsAtLeastTwoFrames) {
+    // The broken frame is lost; sync must be confirmed again, so its successor is lost too
+    // (and more when a stray sync pattern in the audio data is tried first).
+    std::string broken = mp3;
+    broken[starts[3] + 2] = static_cast<char>(0xF0);  // bitrate index 15
+    const auto frames = frames_of(broken);
+    ASSERT_LE(frames.size(), starts.size() - 2);
+    ASSERT_GE(frames.size(), 5u);
+    for (size_t i = 0; i < 3; ++i)
+        EXPECT_EQ(frames[i].bytes_read_after, static_cast<int64_t>(starts[i + 1]));
+    const size_t first = starts.size() - (frames.size() - 3);
+    EXPECT_GE(first, 5u);
+    for (size_t i = 3; i < frames.size(); ++i) {
+        const size_t k = first + i - 3;
+        const size_t end = k + 1 < starts.size() ? starts[k + 1] : mp3.size();
+        EXPECT_EQ(frames[i].bytes_read_after, static_cast<int64_t>(end)) << i;
+    }
+}
+
+TEST(FreeFormat, MeasuredFromTheConformanceStreamAndFirstTwoFramesSkipped) {
+    const std::string path =
+        std::string(KAVO_SHARED_DIR) + "/conformance/iso11172-4/l3-he_free.bit";
+    const std::string bytes = kavotest::read_file(path);
+    // Independent walk: free-format frames are found by their sync words.
+    std::vector<size_t> starts;
+    for (size_t i = 0; i + 1 < bytes.size(); ++i) {
+        if (static_cast<unsigned char>(bytes[i]) == 0xFF &&
+            (static_cast<unsigned char>(bytes[i + 1]) & 0xFE) == 0xFA &&
+            (static_cast<unsigned char>(bytes[i + 2]) & 0xF0) == 0x00) {
+            starts.push_back(i);
+        }
+    }
+    ASSERT_EQ(starts.size(), 68u);
+    auto state = fresh_state();
+    const auto frames = read_all_frames(path, *state);
+    ASSERT_EQ(frames.size(), starts.size() - 2);
+    const int32_t measured = static_cast<int32_t>(starts[1] - starts[0]) -
+                             ((static_cast<unsigned char>(bytes[2]) >> 1) & 1);
+    EXPECT_EQ(state->free_format_length, measured);
+    for (size_t i = 0; i < frames.size(); ++i) {
+        const size_t next = i + 3 < starts.size() ? starts[i + 3] : bytes.size();
+        EXPECT_EQ(frames[i].bytes_read_after, static_cast<int64_t>(next)) << i;
+        EXPECT_EQ(frames[i].frame_length, static_cast<int32_t>(next - starts[i + 2])) << i;
+    }
+}
+
+TEST(HeaderLines, PrintedOnceForTheFirstFrameDelivered) {
+    const std::string path =
+        std::string(KAVO_SHARED_DIR) + "/conformance/iso11172-4/l3-hecommon.bit";
+    header_lines_pending() = true;
+    auto state = fresh_state();
+    FILE* input = std::fopen(path.c_str(), "rb");
+    ASSERT_NE(input, nullptr);
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(read_frame(*state, input), 0);
+    ASSERT_EQ(read_frame(*state, input), 0);
+    const std::string first = testing::internal::GetCapturedStderr();
+    std::fclose(input);
+    EXPECT_EQ(first,
+              "\n[version] MPEG 1 \t\t [layer] 3\n"
+              "[crc protect] 0 \t\t [bitrate] 128 kbps\n"
+              "[sample freq] 44100 Hz \t\t [padding] 0\n"
+              "[mode] stereo         \t\t [mode_ext] is_stereo (off), ms_stereo (off)\n"
+              "[copyright] 0 \t\t\t [original] 0\n"
+              "[emphasis] none\n\n");
+    EXPECT_FALSE(header_lines_pending());
+
+    auto second = fresh_state();
+    testing::internal::CaptureStderr();
+    read_all_frames(path, *second);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "\n\nAll Done !");
+}
+
+TEST(HeaderLines, Layer2ModeExtensionTextsAndEmphasis) {
+    FrameHeader header{};
+    header.header_word1 = 0xFFFD;  // Layer II
+    header.header_word2 = 0x802F;  // copyright, original, emphasis 3
+    header.version = 3;
+    header.layer = 2;
+    header.id = 1;
+    header.bitrate_index = 8;
+    header.mode = 1;
+    header.mode_ext = 2;
+    testing::internal::CaptureStderr();
+    print_header_lines(header, 44100);
+    const std::string text = testing::internal::GetCapturedStderr();
+    EXPECT_NE(text.find("[mode] joint_stereo   \t\t [mode_ext] is_stereo (bound 12)\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("[copyright] 1 \t\t\t [original] 1\n[emphasis] CCITT J.17\n\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("[bitrate] 128 kbps"), std::string::npos) << text;
+}
+
+TEST(CodecCommand, ResetEchoUnknownAndHeaderFailure) {
+    const CodecResult reset = codec_command(CodecRequest{0, 0, nullptr});
+    EXPECT_EQ(reset.status, 1);
+    EXPECT_EQ(reset.error, 0);
+    EXPECT_EQ(reset.result, nullptr);
+
+    int anything = 0;
+    const CodecResult echo = codec_command(CodecRequest{7, 5, &anything});
+    EXPECT_EQ(echo.status, 7);
+    EXPECT_EQ(echo.error, 5);
+    EXPECT_EQ(echo.result, &anything);
+
+    for (int32_t command : {8, -1, 1000, INT32_MIN}) {
+        const CodecResult unknown = codec_command(CodecRequest{command, 3, &anything});
+        EXPECT_EQ(unknown.status, -1) << command;
+        EXPECT_EQ(unknown.error, -1) << command;
+        EXPECT_EQ(unknown.result, nullptr) << command;
+    }
+
+    StreamBuffer buffer{};
+    HeaderJob job{BitPosition{buffer.bytes, 0, 0}, 0, 0};
+    const CodecResult header = codec_command(CodecRequest{1, 0, &job});
+    EXPECT_EQ(header.status, 1);
+    EXPECT_EQ(header.error, 1);
+    EXPECT_EQ(header.result, &job);
+}
+
+TEST(CodecCommandDeathTest, ReservedCommandsEndTheProcessWithTheirMessage) {
+    const std::pair<int32_t, const char*> reserved[] = {
+        {2, "Layer 1 decode under construction!!!"},
+        {3, "Layer 2 decode under construction!!!"},
+        {5, "Layer 1 encode under construction!!!"},
+        {6, "Layer 2 encode under construction!!!"}};
+    for (const auto& [command, message] : reserved) {
+        // The message goes to standard output; the death test watches standard error.
+        EXPECT_EXIT(
+            {
+                dup2(2, 1);
+                codec_command(CodecRequest{command, 0, nullptr});
+            },
+            testing::ExitedWithCode(1), message);
+    }
+}

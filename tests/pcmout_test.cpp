@@ -1,0 +1,217 @@
+// The decoded-PCM file: sample conversion at its edges, the choice of form by name, the
+// bytes of each form and of the WAV header (read back by sox), the statistics lines, and the
+// fatal conditions of opening the files.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "pcmout/pcm_output.h"
+#include "process.h"
+
+using namespace kavolib;
+using kavotest::TempDir;
+
+TEST(PcmSample, SixteenBitRoundingAndClipping) {
+    const std::pair<double, int> cases[] = {{1.0, 32767},
+                                            {-1.0, -32768},
+                                            {0.0, 0},
+                                            {0.5 / 32768, 1},
+                                            {-0.5 / 32768, -1},
+                                            {0.49 / 32768, 0},
+                                            {-0.49 / 32768, 0},
+                                            {1.5 / 32768, 2},
+                                            {-1.5 / 32768, -2},
+                                            {32766.5 / 32768, 32767},
+                                            {-32767.5 / 32768, -32768},
+                                            {-32768.4 / 32768, -32768},
+                                            {-1.5, -32768},
+                                            {1e300, 32767},
+                                            {-1e300, -32768},
+                                            {std::numeric_limits<double>::infinity(), 32767},
+                                            {std::numeric_limits<double>::quiet_NaN(), -32768}};
+    for (const auto& [x, expected] : cases) EXPECT_EQ(pcm_sample16(x), expected) << x;
+}
+
+TEST(PcmSample, TwentyFourBitTruncationAndTwosComplement) {
+    const std::pair<double, uint32_t> cases[] = {
+        {1.0, 0x7FFFFF},
+        {-1.0, 0x800000},
+        {0.0, 0},
+        {-1.0 / 8388608, 0xFFFFFF},
+        {-0.9 / 8388608, 0},
+        {1.9 / 8388608, 1},
+        {-2.0, 0x800000},
+        {5.0, 0x7FFFFF},
+        {std::numeric_limits<double>::quiet_NaN(), 0x800000}};
+    for (const auto& [x, expected] : cases) EXPECT_EQ(pcm_sample24(x), expected) << x;
+}
+
+TEST(OutputForm, ChosenBySubstringInOrder) {
+    const std::pair<const char*, OutputForm> cases[] = {{"a.pcm", OutputForm::raw},
+                                                        {"x.pcm.wav", OutputForm::raw},
+                                                        {"a.wav", OutputForm::wav},
+                                                        {"ZUVRTEMP.TM2", OutputForm::wav},
+                                                        {"a.txt", OutputForm::text},
+                                                        {"a.wav.txt", OutputForm::wav},
+                                                        {"dir.pcm/out", OutputForm::raw},
+                                                        {"X.WAV", OutputForm::none},
+                                                        {"a.tm2", OutputForm::none},
+                                                        {"wav", OutputForm::none},
+                                                        {"", OutputForm::none}};
+    for (const auto& [name, form] : cases) EXPECT_EQ(choose_output_form(name), form) << name;
+}
+
+namespace {
+
+// Writes granules through the real file functions into dir/name and returns the file.
+std::string write_through(const TempDir& dir, const std::string& name,
+                          const std::vector<std::pair<std::vector<double>, int>>& granules,
+                          int32_t rate, std::string* statistics = nullptr) {
+    const std::string in = dir.file("in.mp3");
+    const std::string out = dir.file(name);
+    kavotest::write_file(in, "0123456789");
+    DecodeFiles files{};
+    files.input_name = in.c_str();
+    files.output_name = out.c_str();
+    FrameState frames{};
+    frames.bytes_read = 99;
+    open_decode_files(files, frames);
+    EXPECT_EQ(files.input_length, 10);
+    EXPECT_EQ(frames.bytes_read, 0);
+    for (const auto& [pcm, channels] : granules) {
+        frames.pcm_channels = channels;
+        write_granule_pcm(files, pcm.data(), channels);
+    }
+    frames.pcm_rate = rate;
+    testing::internal::CaptureStderr();
+    close_decode_files(files, frames, 1, 7);
+    const std::string err = testing::internal::GetCapturedStderr();
+    if (statistics != nullptr) *statistics = err;
+    return kavotest::read_file(out);
+}
+
+int16_t le16(const std::string& bytes, size_t at) {
+    return static_cast<int16_t>(static_cast<uint8_t>(bytes[at]) |
+                                (static_cast<uint8_t>(bytes[at + 1]) << 8));
+}
+
+uint32_t le32(const std::string& bytes, size_t at) {
+    return static_cast<uint32_t>(static_cast<uint16_t>(le16(bytes, at))) |
+           (static_cast<uint32_t>(static_cast<uint16_t>(le16(bytes, at + 2))) << 16);
+}
+
+std::vector<double> ramp(double from, double to) {
+    std::vector<double> pcm(1152);
+    for (size_t i = 0; i < pcm.size(); ++i)
+        pcm[i] = from + (to - from) * static_cast<double>(i) / 1151.0;
+    return pcm;
+}
+
+}  // namespace
+
+TEST(DecodedFile, WavFormInterleavesAndEndsWithAHeaderThatSoxReads) {
+    TempDir dir;
+    const auto stereo = ramp(-1.2, 1.2);
+    const auto mono = ramp(0.3, -0.3);
+    std::string statistics;
+    // A stereo granule, then a mono one: the header describes the last frame (one channel).
+    const std::string file =
+        write_through(dir, "out.wav", {{stereo, 2}, {mono, 1}}, 22050, &statistics);
+    ASSERT_EQ(file.size(), 44u + 2304u + 1152u);
+    EXPECT_EQ(file.substr(0, 4), "RIFF");
+    EXPECT_EQ(le32(file, 4), file.size() - 8);
+    EXPECT_EQ(file.substr(8, 8), "WAVEfmt ");
+    EXPECT_EQ(le32(file, 16), 16u);
+    EXPECT_EQ(le16(file, 20), 1);
+    EXPECT_EQ(le16(file, 22), 1);
+    EXPECT_EQ(le32(file, 24), 22050u);
+    EXPECT_EQ(le32(file, 28), 44100u);
+    EXPECT_EQ(le16(file, 32), 2);
+    EXPECT_EQ(le16(file, 34), 16);
+    EXPECT_EQ(file.substr(36, 4), "data");
+    EXPECT_EQ(le32(file, 40), file.size() - 44);
+    for (size_t i = 0; i < 576; ++i) {
+        ASSERT_EQ(le16(file, 44 + 4 * i), pcm_sample16(stereo[i])) << i;
+        ASSERT_EQ(le16(file, 46 + 4 * i), pcm_sample16(stereo[576 + i])) << i;
+        ASSERT_EQ(le16(file, 44 + 2304 + 2 * i), pcm_sample16(mono[i])) << i;
+    }
+    EXPECT_EQ(le16(file, 44), -32768);
+    EXPECT_EQ(le16(file, 46 + 4 * 575), 32767);
+
+    const auto soxi = kavotest::run_process({"/usr/bin/soxi", dir.file("out.wav")});
+    EXPECT_NE(soxi.out.find("Channels       : 1"), std::string::npos) << soxi.out;
+    EXPECT_NE(soxi.out.find("Sample Rate    : 22050"), std::string::npos) << soxi.out;
+    EXPECT_NE(soxi.out.find("1728 samples"), std::string::npos) << soxi.out;
+    EXPECT_EQ(statistics.substr(0, 20), "  7 frames processed");
+}
+
+TEST(DecodedFile, RawAndTextForms) {
+    TempDir dir;
+    std::vector<double> pcm(1152, 0.0);
+    pcm[0] = 1.0;
+    pcm[576] = -1.0;
+    pcm[1] = -1.0 / 8388608;
+    pcm[577] = 0.25;
+    const std::string raw = write_through(dir, "out.pcm", {{pcm, 2}}, 44100);
+    ASSERT_EQ(raw.size(), 2304u);
+    EXPECT_EQ(le16(raw, 0), 32767);
+    EXPECT_EQ(le16(raw, 2), -32768);
+    EXPECT_EQ(le16(raw, 4), 0);
+    EXPECT_EQ(le16(raw, 6), 8192);
+
+    const std::string text = write_through(dir, "out.txt", {{pcm, 2}}, 44100);
+    ASSERT_EQ(text.size(), 1152u * 7u);
+    EXPECT_EQ(text.substr(0, 28), "7fffff\n800000\nffffff\n200000\n");
+    EXPECT_EQ(text.substr(28, 7), "000000\n");
+}
+
+TEST(DecodeStatistics, FramesTimeAndSpeed) {
+    struct Case {
+        int64_t frames;
+        int32_t granules;
+        int32_t rate;
+        int64_t elapsed;
+        const char* expected;
+    };
+    const Case cases[] = {
+        // 2 x 1000 x 576 / 44100 = 26.1 s of audio, truncated to 26.
+        {1000, 2, 44100, 52, "  1000 frames processed\n\nDecoding time=00:52, Speedup=2.000000\n"},
+        {1000, 2, 44100, 0, "  1000 frames processed\n\nDecoding time=00:00, Speedup=0.000000\n"},
+        {100, 1, 8000, 3725, "  100 frames processed\n\nDecoding time=02:05, Speedup=532.142857\n"},
+        // Less than a second of audio: the tiny constant keeps the division finite.
+        {1, 1, 8000, 0, "  1 frames processed\n\nDecoding time=00:00, Speedup=0.000000\n"},
+        {1, 1, 8000, 5,
+         "  1 frames processed\n\nDecoding time=00:05, Speedup=5000000000000.000000\n"},
+        // Nothing ever delivered (rate 0): no audio, the speed figure is 0.
+        {0, 0, 0, 5, "  0 frames processed\n\nDecoding time=00:05, Speedup=0.000000\n"},
+        {0, 0, 0, 0, "  0 frames processed\n\nDecoding time=00:00, Speedup=0.000000\n"},
+    };
+    for (const Case& c : cases) {
+        testing::internal::CaptureStderr();
+        print_decode_statistics(c.frames, c.granules, c.rate, c.elapsed);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), c.expected);
+    }
+}
+
+TEST(DecodedFileDeathTest, OpeningFailuresAreFatalWithTheirMessages) {
+    TempDir dir;
+    const std::string in = dir.file("in.mp3");
+    kavotest::write_file(in, "x");
+    const auto open_with = [](const std::string& input, const std::string& output) {
+        DecodeFiles files{};
+        files.input_name = input.c_str();
+        files.output_name = output.c_str();
+        FrameState frames{};
+        open_decode_files(files, frames);
+    };
+    EXPECT_EXIT(open_with(dir.file("none.mp3"), dir.file("o.wav")), testing::ExitedWithCode(1),
+                "FATAL ERROR: decode: Input file, .*none.mp3, not found");
+    EXPECT_EXIT(open_with(in, dir.file("O.WAV")), testing::ExitedWithCode(1),
+                "FATAL ERROR: decode: output file '.wav','.pcm' or '.txt' allowed only!");
+    EXPECT_EXIT(open_with(in, dir.file("missing/o.wav")), testing::ExitedWithCode(1),
+                "FATAL ERROR: decode: Unable to create output file, .*missing/o.wav");
+}
