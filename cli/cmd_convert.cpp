@@ -38,6 +38,7 @@ const char* refusal_text(int status) {
         case 3: return "the input path is empty";
         case 4: return "the output path is empty";
         case 5: return "a gain of -1.0 is not accepted";
+        case 6: return "a path names one of the library's temporary files";
         default: return "the library refused the call";
     }
 }
@@ -65,7 +66,7 @@ int cmd_convert(const std::string& in, const std::string& out, float gain) {
         if (show_bar && g_last_percent >= 0) std::fputc('\n', stderr);
         return result.status == 1 ? 0 : result.status;
     });
-    if (code == 3 || code == 4 || code == 5) {
+    if (code >= 3 && code <= 6) {
         std::fprintf(stderr, "kavo convert: %s\n", refusal_text(code));
         return kExitUsage;
     }

@@ -10,6 +10,8 @@
  *   3  refused: the input path is empty
  *   4  refused: the output path is empty
  *   5  refused: the gain is -1.0
+ *   6  refused: the input or output path names one of the temporary files below in the
+ *      current directory (the conversion would overwrite or remove it)
  * The checks run in that order; a refusal prints nothing and touches no file.
  * ConversionResult.version is always 1.2.
  *

@@ -3,7 +3,6 @@
 // data size (40). Sizes written back wrap in 32 bits as the fields do.
 #include "resample/resample_stages.h"
 
-#include <sys/stat.h>
 
 #include <cmath>
 #include <climits>
@@ -67,9 +66,8 @@ int framesIn(const WavHeader& h) {
 // The diagnostic block of "temp.txt": 400 bytes describing the input stream as opened, padded
 // with blanks; nothing reads it.
 void writeDiagnostic(FILE* text, const char* inPath) {
-    struct stat info {};
     const int fd = fileno(stageInput);
-    const long length = fstat(fd, &info) == 0 ? static_cast<long>(info.st_size) : -1L;
+    const long length = file_length(stageInput);
     char block[401];
     const int used = std::snprintf(
         block, sizeof block,

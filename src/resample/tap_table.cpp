@@ -110,7 +110,7 @@ bool TapTable::usable(const int16_t* Coeffs, const int16_t* Differences, uint16_
                       int interpCoeffs, uint32_t dh, long maxEntries) {
     if (dh == 0) return false;
     const long rowLen = (maxTaps(Length, dh) + kVector - 1) / kVector * kVector;
-    if (rowLen * (long{dh} + 1) > maxEntries) return false;
+    if (rowLen * (static_cast<long>(dh) + 1) > maxEntries) return false;
     if (interpCoeffs == 0) return true;
     for (uint32_t k = 0; k < Length; ++k) {
         // The interpolated value lies between the entry and entry + (difference * 127) >> 7.
