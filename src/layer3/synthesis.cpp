@@ -1,10 +1,15 @@
 // The polyphase synthesis filterbank: each time slot's 32 subband samples are matrixed by a
-// fast 32-point cosine transform into the channel's 512-value history, and 32 output samples
-// are formed from the last 16 slots with the 512-tap window (256 halved values stored).
+// fast 32-point cosine transform into the channel's history of the last 16 slots, and 32 output
+// samples are formed from that history with the 512-tap window (256 halved values stored).
+// synthesize_slot is the plain form over a 512-value history that moves by one slot each time;
+// synthesize_granule computes the same values in the same order over a ring of slots, four
+// outputs at a time.
+#include <array>
 #include <cstring>
 
 #include "layer3/layer3_stages.h"
 #include "layer3/layer3_tables.h"
+#include "layer3/simd.h"
 
 namespace kavolib {
 
@@ -116,9 +121,158 @@ void synthesize_slot(const double* slot, double* history, double* out) {
     }
 }
 
+namespace {
+// One step of the recombination: r[index] = 2 r[index] - r[previous].
+struct RecombineStep {
+    int8_t index;
+    int8_t previous;
+};
+
+constexpr std::array<RecombineStep, 49> make_recombine_steps() {
+    std::array<RecombineStep, 49> steps{};
+    int n = 0;
+    for (int size = 4, bits = 1; size <= 32; size *= 2, ++bits) {
+        const int half = size / 2;
+        for (int base = 0; base < 32; base += size) {
+            int previous = base + half;
+            for (int o = 1; o < half; ++o) {
+                const int index = base + half + reverse_bits(o, bits);
+                steps[static_cast<size_t>(n++)] = {static_cast<int8_t>(index),
+                                                   static_cast<int8_t>(previous)};
+                previous = index;
+            }
+        }
+    }
+    return steps;
+}
+
+constexpr std::array<RecombineStep, 49> kRecombine = make_recombine_steps();
+
+// Where the extended slot takes its values from R: e[k] = h[31 - k] = R[rev5(k)] and
+// e[32 + m] = h[m] = R[rev5(31 - m)].
+constexpr std::array<int8_t, 64> make_extended_order() {
+    std::array<int8_t, 64> order{};
+    for (int k = 0; k < 32; ++k) {
+        order[static_cast<size_t>(k)] = static_cast<int8_t>(reverse_bits(k, 5));
+        order[static_cast<size_t>(32 + k)] = static_cast<int8_t>(reverse_bits(31 - k, 5));
+    }
+    return order;
+}
+
+constexpr std::array<int8_t, 64> kExtendedOrder = make_extended_order();
+
+// The matrixing of synthesize_slot, operation for operation, with the index arithmetic done at
+// compile time; writes the slot in the extended form of SynthesisRing.
+void matrix_extended(const double* slot, double* e) {
+    double r[32];
+    for (int i = 0; i < 16; ++i) {
+        const double a = slot[2 * i];
+        const double b = slot[31 - 2 * i];
+        r[i] = -(a + b);
+        r[16 + i] = (b - a) * DctCos[i];
+    }
+    const double* cosines = DctCos + 16;
+    for (int base = 0; base < 32; base += 16) {
+        for (int k = 0; k < 8; ++k) {
+            const double a = r[base + k];
+            const double b = r[base + 8 + k];
+            r[base + k] = a + b;
+            r[base + 8 + k] = (a - b) * cosines[k];
+        }
+    }
+    cosines += 8;
+    for (int base = 0; base < 32; base += 8) {
+        for (int k = 0; k < 4; ++k) {
+            const double a = r[base + k];
+            const double b = r[base + 4 + k];
+            r[base + k] = a + b;
+            r[base + 4 + k] = (a - b) * cosines[k];
+        }
+    }
+    cosines += 4;
+    for (int base = 0; base < 32; base += 4) {
+        for (int k = 0; k < 2; ++k) {
+            const double a = r[base + k];
+            const double b = r[base + 2 + k];
+            r[base + k] = a + b;
+            r[base + 2 + k] = (a - b) * cosines[k];
+        }
+    }
+    for (int m = 0; m < 16; ++m) {
+        const double a = r[2 * m];
+        const double b = r[2 * m + 1];
+        r[2 * m] = a + b;
+        r[2 * m + 1] = (a - b) * DctCos[30];
+    }
+#pragma GCC unroll 49
+    for (const RecombineStep& step : kRecombine) {
+        r[step.index] = 2.0 * r[step.index] - r[step.previous];
+    }
+#pragma GCC unroll 64
+    for (int k = 0; k < 64; ++k) e[k] = r[kExtendedOrder[static_cast<size_t>(k)]];
+}
+
+// The window of kPlan arranged by term: coefficient of term t (slot t back) for output j at
+// [t][j]. In the extended slot, term t of output j reads e[16 + j] (even t, j < 16),
+// e[15 + j] (even t, j >= 16; for j = 16 this is h[0] with a zero coefficient, as in kPlan),
+// e[47 + j] (odd t, j < 16) or e[j - 16] (odd t, j >= 16): the history values of kPlan.index.
+struct TermWindow {
+    alignas(64) double coef[16][32];
+};
+
+TermWindow make_term_window() {
+    TermWindow window{};
+    for (int t = 0; t < 16; ++t) {
+        for (int j = 0; j < 32; ++j) window.coef[t][j] = kPlan.coef[j][t];
+    }
+    return window;
+}
+
+const TermWindow kTermWindow = make_term_window();
+
+// 32 outputs of one slot from the ring at its newest slot: each output's 16 products summed in
+// term order from 0.0, then doubled, exactly as in synthesize_slot.
+KAVO_VECTOR_CLONES void window_slot(const double* newest, double* out) {
+    Double4 acc[8];
+    for (Double4& a : acc) a = Double4{0.0, 0.0, 0.0, 0.0};
+    for (int t = 0; t < 16; t += 2) {
+        const double* e = newest + 64 * t;
+        const double* c = kTermWindow.coef[t];
+        for (int b = 0; b < 8; ++b) {
+            Double4 h;
+            Double4 w;
+            std::memcpy(&h, e + (b < 4 ? 16 : 15) + 4 * b, sizeof h);
+            std::memcpy(&w, c + 4 * b, sizeof w);
+            acc[b] += h * w;
+        }
+        e += 64;
+        c += 32;
+        for (int b = 0; b < 8; ++b) {
+            Double4 h;
+            Double4 w;
+            std::memcpy(&h, e + (b < 4 ? 47 : -16) + 4 * b, sizeof h);
+            std::memcpy(&w, c + 4 * b, sizeof w);
+            acc[b] += h * w;
+        }
+    }
+    for (int b = 0; b < 8; ++b) {
+        const Double4 doubled = acc[b] * 2.0;
+        std::memcpy(out + 4 * b, &doubled, sizeof doubled);
+    }
+}
+}  // namespace
+
 void synthesize_granule(Layer3State& state, int32_t channel, double* out) {
-    double* history = state.synthesis_history[channel];
-    for (int32_t t = 0; t < 18; ++t) synthesize_slot(state.spectrum + 32 * t, history, out + 32 * t);
+    SynthesisRing& ring = state.synthesis[channel];
+    int32_t newest = ring.newest & 15;
+    for (int32_t t = 0; t < 18; ++t) {
+        newest = (newest + 15) & 15;
+        double* e = ring.slots[newest];
+        matrix_extended(state.spectrum + 32 * t, e);
+        std::memcpy(ring.slots[newest + 16], e, sizeof ring.slots[0]);
+        window_slot(e, out + 32 * t);
+    }
+    ring.newest = newest;
 }
 
 }  // namespace kavolib
