@@ -59,9 +59,10 @@ struct SynthesisRing {
 struct Layer3State {
     // Per-granule scratch: quantised values, then requantised values, then subband samples.
     alignas(64) double spectrum[kGranuleLines];
-    // Persistent from granule to granule: IMDCT overlap (9 values per subband) and the
+    // Persistent from granule to granule: IMDCT overlap (9 values per subband, stored value by
+    // value so that neighbouring subbands lie side by side: [channel][value][subband]) and the
     // polyphase history (the matrix outputs of the last 16 slots) of each channel.
-    alignas(64) double overlap[2][32][9];
+    alignas(64) double overlap[2][9][32];
     SynthesisRing synthesis[2];
     PreviousBlock previous_block[2];
     int32_t reservoir_bits;

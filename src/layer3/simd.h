@@ -14,5 +14,6 @@ namespace kavolib {
 
 // Four doubles; the compiler maps it to one AVX register or to two SSE2 registers.
 typedef double Double4 __attribute__((vector_size(32)));
+typedef long long Long4 __attribute__((vector_size(32)));
 
 }  // namespace kavolib
