@@ -9,6 +9,7 @@
 #include <random>
 
 #include "layer3/layer3_stages.h"
+#include "layer3/layer3_tables.h"
 
 using namespace kavolib;
 
@@ -104,6 +105,35 @@ TEST(FastHybrid, GranulesMatchThePlainSubbandTransformByBit) {
             hybrid_synthesis(*state, 0, channel, x);
             ASSERT_TRUE(same_bits(plain_out, state->spectrum, 576))
                 << "granule " << granule << " channel " << channel << " type " << k[1];
+        }
+    }
+}
+
+// The direct table for short code words against the search through h_cue, for every slot and
+// every 19-bit string; the strings straddle the end of the circular buffer at every bit offset,
+// so the reader's wrap is crossed as well.
+TEST(FastHuffman, LookupFindsTheEntryTheSearchFinds) {
+    StreamBuffer stream{};
+    BitReader reader{};
+    for (int32_t slot = 0; slot < kHuffmanSlots; ++slot) {
+        for (uint32_t w = 0; w < (1u << 19); ++w) {
+            const int offset = static_cast<int>(w % 8);
+            const int32_t start = 1917 + static_cast<int32_t>((w >> 3) % 3);  // 1917..1919
+            const uint64_t bits = static_cast<uint64_t>(w) << (45 - offset);
+            for (int b = 0; b < 4; ++b) {
+                stream.bytes[(start + b) % kStreamBufferSize] =
+                    static_cast<uint8_t>(bits >> (56 - 8 * b));
+            }
+            reader.cursor = BitPosition{stream.bytes, offset, start};
+            const uint32_t entry = huffman_lookup(reader, slot);
+            const uint32_t expected = huffman_entry_search(slot, w);
+            const int32_t len = static_cast<int32_t>((expected >> 8) & 31u);
+            const int32_t bit = start * 8 + offset + len;
+            if (entry != expected || reader.cursor.byte_index != (bit / 8) % kStreamBufferSize ||
+                reader.cursor.bit_offset != bit % 8) {
+                FAIL() << "slot " << slot << " string " << w << " entry " << std::hex << entry
+                       << " expected " << expected;
+            }
         }
     }
 }
