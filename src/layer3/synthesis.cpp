@@ -162,20 +162,20 @@ constexpr std::array<int8_t, 64> make_extended_order() {
 constexpr std::array<int8_t, 64> kExtendedOrder = make_extended_order();
 
 // The matrixing of synthesize_slot, operation for operation, with the index arithmetic done at
-// compile time; writes the slot in the extended form of SynthesisRing.
-void matrix_extended(const double* slot, double* e) {
-    double r[32];
+// compile time. T is double for one slot, or Double4 for four slots at once (one per lane).
+template <typename T>
+__attribute__((always_inline)) inline void matrix_core(const T* slot, T* r) {
     for (int i = 0; i < 16; ++i) {
-        const double a = slot[2 * i];
-        const double b = slot[31 - 2 * i];
+        const T a = slot[2 * i];
+        const T b = slot[31 - 2 * i];
         r[i] = -(a + b);
         r[16 + i] = (b - a) * DctCos[i];
     }
     const double* cosines = DctCos + 16;
     for (int base = 0; base < 32; base += 16) {
         for (int k = 0; k < 8; ++k) {
-            const double a = r[base + k];
-            const double b = r[base + 8 + k];
+            const T a = r[base + k];
+            const T b = r[base + 8 + k];
             r[base + k] = a + b;
             r[base + 8 + k] = (a - b) * cosines[k];
         }
@@ -183,8 +183,8 @@ void matrix_extended(const double* slot, double* e) {
     cosines += 8;
     for (int base = 0; base < 32; base += 8) {
         for (int k = 0; k < 4; ++k) {
-            const double a = r[base + k];
-            const double b = r[base + 4 + k];
+            const T a = r[base + k];
+            const T b = r[base + 4 + k];
             r[base + k] = a + b;
             r[base + 4 + k] = (a - b) * cosines[k];
         }
@@ -192,15 +192,15 @@ void matrix_extended(const double* slot, double* e) {
     cosines += 4;
     for (int base = 0; base < 32; base += 4) {
         for (int k = 0; k < 2; ++k) {
-            const double a = r[base + k];
-            const double b = r[base + 2 + k];
+            const T a = r[base + k];
+            const T b = r[base + 2 + k];
             r[base + k] = a + b;
             r[base + 2 + k] = (a - b) * cosines[k];
         }
     }
     for (int m = 0; m < 16; ++m) {
-        const double a = r[2 * m];
-        const double b = r[2 * m + 1];
+        const T a = r[2 * m];
+        const T b = r[2 * m + 1];
         r[2 * m] = a + b;
         r[2 * m + 1] = (a - b) * DctCos[30];
     }
@@ -208,8 +208,48 @@ void matrix_extended(const double* slot, double* e) {
     for (const RecombineStep& step : kRecombine) {
         r[step.index] = 2.0 * r[step.index] - r[step.previous];
     }
+}
+
+// One slot, written in the extended form of SynthesisRing.
+void matrix_extended(const double* slot, double* e) {
+    double r[32];
+    matrix_core(slot, r);
 #pragma GCC unroll 64
     for (int k = 0; k < 64; ++k) e[k] = r[kExtendedOrder[static_cast<size_t>(k)]];
+}
+
+// Rows a, b, c, d (four doubles each) become columns, in place.
+__attribute__((always_inline)) inline void transpose4(Double4& a, Double4& b, Double4& c, Double4& d) {
+    const Long4 low = {0, 4, 2, 6};
+    const Long4 high = {1, 5, 3, 7};
+    const Long4 first = {0, 1, 4, 5};
+    const Long4 second = {2, 3, 6, 7};
+    const Double4 t0 = __builtin_shuffle(a, b, low);
+    const Double4 t1 = __builtin_shuffle(a, b, high);
+    const Double4 t2 = __builtin_shuffle(c, d, low);
+    const Double4 t3 = __builtin_shuffle(c, d, high);
+    a = __builtin_shuffle(t0, t2, first);
+    b = __builtin_shuffle(t1, t3, first);
+    c = __builtin_shuffle(t0, t2, second);
+    d = __builtin_shuffle(t1, t3, second);
+}
+
+// Four consecutive slots (32 values apart in slots) matrixed at once; slot l's extended form
+// goes to e[l].
+KAVO_VECTOR_CLONES void matrix_four_slots(const double* slots, double (*e)[64]) {
+    Double4 in[32];
+    for (int n = 0; n < 32; n += 4) {
+        for (int l = 0; l < 4; ++l) std::memcpy(&in[n + l], slots + 32 * l + n, sizeof in[0]);
+        transpose4(in[n], in[n + 1], in[n + 2], in[n + 3]);
+    }
+    Double4 r[32];
+    matrix_core(in, r);
+    for (int k = 0; k < 64; k += 4) {
+        Double4 v[4];
+        for (int i = 0; i < 4; ++i) v[i] = r[kExtendedOrder[static_cast<size_t>(k + i)]];
+        transpose4(v[0], v[1], v[2], v[3]);
+        for (int l = 0; l < 4; ++l) std::memcpy(e[l] + k, &v[l], sizeof v[l]);
+    }
 }
 
 // The window of kPlan arranged by term: coefficient of term t (slot t back) for output j at
@@ -265,10 +305,18 @@ KAVO_VECTOR_CLONES void window_slot(const double* newest, double* out) {
 void synthesize_granule(Layer3State& state, int32_t channel, double* out) {
     SynthesisRing& ring = state.synthesis[channel];
     int32_t newest = ring.newest & 15;
+    // Slots 0 to 15 are matrixed four at a time (the ring holds only the last 16 slots, so
+    // the four wait in a buffer), slots 16 and 17 one by one.
+    alignas(64) double batch[4][64];
     for (int32_t t = 0; t < 18; ++t) {
         newest = (newest + 15) & 15;
         double* e = ring.slots[newest];
-        matrix_extended(state.spectrum + 32 * t, e);
+        if (t < 16) {
+            if (t % 4 == 0) matrix_four_slots(state.spectrum + 32 * t, batch);
+            std::memcpy(e, batch[t % 4], sizeof ring.slots[0]);
+        } else {
+            matrix_extended(state.spectrum + 32 * t, e);
+        }
         std::memcpy(ring.slots[newest + 16], e, sizeof ring.slots[0]);
         window_slot(e, out + 32 * t);
     }
