@@ -60,19 +60,25 @@ inline constexpr std::array<uint32_t, 32> kBitMask = bitstream_detail::make_mask
 // generator x^16 + x^15 + x^2 + 1.
 inline constexpr std::array<uint32_t, 256> kCrcTable = bitstream_detail::make_crc_table();
 
-// The next n bits (0..24), first bit most significant; advances the cursor by n. These run
-// for every code word of every granule, so they are inline and touch one byte per 8 bits.
+// The next n bits (0..24), first bit most significant, without moving the cursor. These run
+// for every code word of every granule, so they are inline: the four bytes from the cursor
+// (bit offset 7 plus 24 bits fit in them) are read at once, wrapping only at the buffer's end.
 inline uint32_t bitunp_peek(const BitReader& reader, int n) {
     const uint8_t* bytes = reader.cursor.buffer;
-    int32_t index = reader.cursor.byte_index;
-    uint32_t acc = bytes[index];
-    int s = reader.cursor.bit_offset + n;
-    while (s >= 8) {
-        index = bitstream_detail::next_index(index);
-        acc = (acc << 8) + bytes[index];
-        s -= 8;
+    const int32_t index = reader.cursor.byte_index;
+    uint32_t acc = 0;
+    if (index <= kStreamBufferSize - 4) {
+        acc = (uint32_t{bytes[index]} << 24) | (uint32_t{bytes[index + 1]} << 16) |
+              (uint32_t{bytes[index + 2]} << 8) | uint32_t{bytes[index + 3]};
+    } else {
+        int32_t i = index;
+        for (int b = 0; b < 4; ++b) {
+            acc = (acc << 8) | bytes[i];
+            i = bitstream_detail::next_index(i);
+        }
     }
-    return (acc >> (8 - s)) & kBitMask[static_cast<std::size_t>(n)];
+    if (n == 0) return 0;
+    return (acc << reader.cursor.bit_offset) >> (32 - n);
 }
 
 uint32_t bitunp_rj(BitReader& reader, int n);
@@ -80,7 +86,9 @@ uint32_t bitunp_rj(BitReader& reader, int n);
 inline void bitunp_skip(BitReader& reader, int n) {
     int32_t offset = reader.cursor.bit_offset + n;
     if (offset >= 8) {
-        reader.cursor.byte_index = (reader.cursor.byte_index + offset / 8) % kStreamBufferSize;
+        int32_t index = reader.cursor.byte_index + offset / 8;
+        if (index >= kStreamBufferSize) index %= kStreamBufferSize;
+        reader.cursor.byte_index = index;
         offset %= 8;
     }
     reader.cursor.bit_offset = offset;

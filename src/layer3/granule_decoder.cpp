@@ -35,7 +35,7 @@ void granule_setup(Layer3State& state, const FrameHeader& header, int32_t granul
     }
     if (header.mode != state.last_mode) {
         std::memset(state.overlap, 0, sizeof state.overlap);
-        std::memset(state.synthesis_history, 0, sizeof state.synthesis_history);
+        std::memset(state.synthesis, 0, sizeof state.synthesis);
         state.last_mode = header.mode;
     }
     if (granule == 0) {

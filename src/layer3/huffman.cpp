@@ -18,9 +18,46 @@ inline bool entry_matches(uint32_t entry, uint32_t w) {
     return len == 0 || (entry >> (32 - len)) == (w >> (19 - len));
 }
 
-inline int32_t apply_sign(BitReader& reader, int32_t value) {
-    return bitunp_rj(reader, 1) != 0 ? -value : value;
+// bitunp_rj for 1 to 24 bits, inline: these run for every sign bit and escape.
+inline uint32_t read_bits(BitReader& reader, int n) {
+    const uint32_t value = bitunp_peek(reader, n);
+    bitunp_skip(reader, n);
+    return value;
 }
+
+inline int32_t apply_sign(BitReader& reader, int32_t value) {
+    return read_bits(reader, 1) != 0 ? -value : value;
+}
+
+// Code words of up to kShortCodeBits bits looked up directly by the first kShortCodeBits bits
+// of the stream. In a prefix code the entry that matches is the only one, so this finds the
+// entry the search finds; longer code words (kNoShortCode) go through the search.
+constexpr int kShortCodeBits = 8;
+constexpr uint32_t kNoShortCode = 0xFFFFFFFFu;  // no entry has length 31
+
+struct ShortCodes {
+    uint32_t entry[kHuffmanSlots][1 << kShortCodeBits];
+};
+
+ShortCodes make_short_codes() {
+    ShortCodes table{};
+    for (int32_t slot = 0; slot < kHuffmanSlots; ++slot) {
+        uint32_t* direct = table.entry[slot];
+        for (int i = 0; i < (1 << kShortCodeBits); ++i) direct[i] = kNoShortCode;
+        const HuffmanTable& codes = kHuffmanTables[slot];
+        for (int32_t e = 0; e < codes.count; ++e) {
+            const uint32_t entry = codes.codes[e];
+            const uint32_t len = entry_length(entry);
+            if (len > kShortCodeBits) continue;
+            const uint32_t first = len == 0 ? 0u : (entry >> (32 - len)) << (kShortCodeBits - len);
+            const uint32_t count = 1u << (kShortCodeBits - len);
+            for (uint32_t i = first; i < first + count; ++i) direct[i] = entry;
+        }
+    }
+    return table;
+}
+
+const ShortCodes kShortCodes = make_short_codes();
 
 // Highest line index holding a nonzero value among [0, end), -1 when none.
 int32_t highest_nonzero(const double* values, int32_t end) {
@@ -86,10 +123,9 @@ void find_intensity_bound(Layer3State& state, const GranuleInfo& gi) {
 }
 }  // namespace
 
-uint32_t huffman_lookup(BitReader& reader, int32_t slot) {
+uint32_t huffman_entry_search(int32_t slot, uint32_t w) {
     const HuffmanTable& table = kHuffmanTables[slot];
     const uint32_t* codes = table.codes;
-    const uint32_t w = bitunp_peek(reader, 19);
     const uint32_t k = w >> 15;
     int32_t p = table.h_cue[k];
     if (!entry_matches(codes[p], w)) {
@@ -115,7 +151,13 @@ uint32_t huffman_lookup(BitReader& reader, int32_t slot) {
             }
         }
     }
-    const uint32_t entry = codes[p];
+    return codes[p];
+}
+
+uint32_t huffman_lookup(BitReader& reader, int32_t slot) {
+    const uint32_t w = bitunp_peek(reader, 19);
+    uint32_t entry = kShortCodes.entry[slot][w >> (19 - kShortCodeBits)];
+    if (entry == kNoShortCode) entry = huffman_entry_search(slot, w);
     bitunp_skip(reader, static_cast<int>(entry_length(entry)));
     return entry;
 }
@@ -125,9 +167,9 @@ void huffman_pair(BitReader& reader, int32_t slot, int32_t& x, int32_t& y) {
     const int linbits = kHuffmanTables[slot].linbits;
     x = static_cast<int32_t>((entry >> 4) & 15u);
     y = static_cast<int32_t>(entry & 15u);
-    if (x == 15 && linbits != 0) x += static_cast<int32_t>(bitunp_rj(reader, linbits));
+    if (x == 15 && linbits != 0) x += static_cast<int32_t>(read_bits(reader, linbits));
     if (x != 0) x = apply_sign(reader, x);
-    if (y == 15 && linbits != 0) y += static_cast<int32_t>(bitunp_rj(reader, linbits));
+    if (y == 15 && linbits != 0) y += static_cast<int32_t>(read_bits(reader, linbits));
     if (y != 0) y = apply_sign(reader, y);
 }
 

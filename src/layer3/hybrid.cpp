@@ -2,10 +2,13 @@
 // then per subband a 36-point IMDCT (or three 12-point ones for short blocks) computed through
 // a 9-point (3-point) complex DFT with pre- and post-rotation, windowed by block type and
 // overlapped with the previous granule. The overlap keeps 9 unwindowed values per subband.
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "layer3/layer3_stages.h"
 #include "layer3/layer3_tables.h"
+#include "layer3/simd.h"
 #include "platform/platform.h"
 
 namespace kavolib {
@@ -225,17 +228,205 @@ void imdct_subband(const double* input, double* overlap, double* output, uint32_
     }
 }
 
+namespace {
+// The same transform, windowing and overlap-add as imdct_subband, for the four subbands s0 to
+// s0 + 3 at once (one subband per lane), all of the same block type and previous block type.
+// Every lane performs exactly the operations imdct_subband performs for its subband.
+inline void vrotate(Double4& re, Double4& im, double c, double s) {
+    const Double4 r = re;
+    const Double4 i = im;
+    re = r * c - i * s;
+    im = r * s + i * c;
+}
+
+inline void vbutterfly3(Double4* re, Double4* im, int a, int b, int c) {
+    const double c3 = DftConstants[0];
+    const double s3 = DftConstants[4];
+    const Double4 u0r = re[a];
+    const Double4 u0i = im[a];
+    const Double4 tr = re[b] + re[c];
+    const Double4 ti = im[b] + im[c];
+    const Double4 dr = re[b] - re[c];
+    const Double4 di = im[b] - im[c];
+    const Double4 mr = u0r + c3 * tr;
+    const Double4 mi = u0i + c3 * ti;
+    re[a] = u0r + re[b] + re[c];
+    im[a] = u0i + im[b] + im[c];
+    re[b] = mr - s3 * di;
+    im[b] = mi + s3 * dr;
+    re[c] = mr + s3 * di;
+    im[c] = mi - s3 * dr;
+}
+
+inline void vswap(Double4* re, Double4* im, int a, int b) {
+    const Double4 r = re[a];
+    const Double4 i = im[a];
+    re[a] = re[b];
+    im[a] = im[b];
+    re[b] = r;
+    im[b] = i;
+}
+
+// pre_twiddle, the DFT and post_twiddle of M = 9 or 3 points on lane vectors; a_half = im,
+// b_half = re.
+inline void vtransform(const Double4* input, int m, const double* pre_cos, const double* pre_sin,
+                       const double* post_cos, const double* post_sin, Double4* a_half,
+                       Double4* b_half) {
+    Double4 re[9];
+    Double4 im[9];
+    const int last = 2 * m - 1;
+    for (int k = 0; k < m; ++k) {
+        const Double4 a = input[2 * k];
+        const Double4 b = input[last - 2 * k];
+        re[k] = -b * pre_cos[k] - a * pre_sin[k];
+        im[k] = a * pre_cos[k] - b * pre_sin[k];
+    }
+    if (m == 9) {
+        for (int k = 0; k < 3; ++k) vbutterfly3(re, im, k, k + 3, k + 6);
+        vrotate(re[4], im[4], DftConstants[1], DftConstants[5]);
+        vrotate(re[5], im[5], DftConstants[2], DftConstants[6]);
+        vrotate(re[7], im[7], DftConstants[2], DftConstants[6]);
+        vrotate(re[8], im[8], DftConstants[3], DftConstants[7]);
+        for (int j = 0; j < 3; ++j) vbutterfly3(re, im, 3 * j, 3 * j + 1, 3 * j + 2);
+        vswap(re, im, 1, 3);
+        vswap(re, im, 2, 6);
+        vswap(re, im, 5, 7);
+    } else {
+        vbutterfly3(re, im, 0, 1, 2);
+    }
+    for (int k = 0; k < m; ++k) {
+        vrotate(re[k], im[k], post_cos[k], post_sin[k]);
+        a_half[k] = im[k];
+        b_half[k] = re[k];
+    }
+}
+
+KAVO_VECTOR_CLONES void imdct_four_subbands(const double* input, double (*overlap)[32],
+                                            double* output, int s0, uint32_t block_type,
+                                            uint32_t previous_block_type) {
+    Double4 o[9];
+    for (int m = 0; m < 9; ++m) std::memcpy(&o[m], overlap[m] + s0, sizeof o[m]);
+
+    Double4 y[18];
+    if (previous_block_type != 2) {
+        Double4 p[18];
+        for (int m = 0; m < 9; ++m) {
+            p[2 * m] = o[m];
+            p[2 * m + 1] = o[8 - m];
+        }
+        if (previous_block_type == 1) {
+            for (int n = 0; n < 6; ++n) y[n] = p[n];
+            for (int n = 6; n < 12; ++n) y[n] = ShortWindow[11 - n] * p[n];
+            for (int n = 12; n < 18; ++n) y[n] = Double4{0.0, 0.0, 0.0, 0.0};
+        } else {
+            for (int n = 0; n < 18; ++n) y[n] = LongWindow[17 - n] * p[n];
+        }
+    } else {
+        Double4 q1[12];
+        Double4 q2[12];
+        for (int m = 0; m < 3; ++m) {
+            q1[6 + 2 * m] = o[m];
+            q1[6 + 2 * m + 1] = o[2 - m];
+            q2[2 * m] = o[3 + m];
+            q2[2 * m + 1] = -o[5 - m];
+            q2[6 + 2 * m] = o[6 + m];
+            q2[6 + 2 * m + 1] = o[8 - m];
+        }
+        for (int n = 0; n < 6; ++n) y[n] = ShortWindow[5 - n] * q1[6 + n] + ShortWindow[n] * q2[n];
+        for (int n = 6; n < 12; ++n) y[n] = ShortWindow[11 - n] * q2[n];
+        for (int n = 12; n < 18; ++n) y[n] = Double4{0.0, 0.0, 0.0, 0.0};
+    }
+
+    // The four subbands' 18 values, lane by lane.
+    Double4 in[18];
+    for (int k = 0; k < 18; ++k) {
+        in[k] = Double4{input[k], input[18 + k], input[36 + k], input[54 + k]};
+    }
+
+    if (block_type != 2) {
+        Double4 a_half[9];
+        Double4 b_half[9];
+        vtransform(in, 9, LongPreCos, LongPreSin, LongPostCos, LongPostSin, a_half, b_half);
+        Double4 x[18];
+        for (int m = 0; m < 9; ++m) {
+            x[2 * m] = a_half[m];
+            x[2 * m + 1] = -a_half[8 - m];
+        }
+        if (block_type == 3) {
+            for (int n = 6; n < 12; ++n) y[n] = y[n] + ShortWindow[n - 6] * x[n];
+            for (int n = 12; n < 18; ++n) y[n] = y[n] + x[n];
+        } else {
+            for (int n = 0; n < 18; ++n) y[n] = y[n] + LongWindow[n] * x[n];
+        }
+        for (int m = 0; m < 9; ++m) o[m] = b_half[m];
+    } else {
+        Double4 a_half[3][3];
+        Double4 b_half[3][3];
+        for (int w = 0; w < 3; ++w) {
+            Double4 xw[6];
+            for (int k = 0; k < 6; ++k) xw[k] = in[w + 3 * k];
+            vtransform(xw, 3, ShortPreCos, ShortPreSin, ShortPostCos, ShortPostSin, a_half[w],
+                       b_half[w]);
+        }
+        Double4 x0[6];
+        Double4 x1[6];
+        Double4 x0_tail[6];
+        for (int m = 0; m < 3; ++m) {
+            x0[2 * m] = a_half[0][m];
+            x0[2 * m + 1] = -a_half[0][2 - m];
+            x1[2 * m] = a_half[1][m];
+            x1[2 * m + 1] = -a_half[1][2 - m];
+            x0_tail[2 * m] = b_half[0][m];
+            x0_tail[2 * m + 1] = b_half[0][2 - m];
+        }
+        for (int n = 6; n < 12; ++n) y[n] = y[n] + ShortWindow[n - 6] * x0[n - 6];
+        for (int n = 12; n < 18; ++n) {
+            y[n] = y[n] + (ShortWindow[17 - n] * x0_tail[n - 12] + ShortWindow[n - 12] * x1[n - 12]);
+        }
+        for (int m = 0; m < 3; ++m) {
+            o[m] = b_half[1][m];
+            o[3 + m] = a_half[2][m];
+            o[6 + m] = b_half[2][m];
+        }
+    }
+    for (int m = 0; m < 9; ++m) std::memcpy(overlap[m] + s0, &o[m], sizeof o[m]);
+
+    // Frequency inversion: lanes 1 and 3 are the odd subbands; their odd samples change sign
+    // (the sign bit flipped, as a negation does).
+    const Long4 odd_lanes = {0, INT64_MIN, 0, INT64_MIN};
+    for (int n = 0; n < 18; ++n) {
+        Double4 v = y[n];
+        if ((n & 1) != 0) v = reinterpret_cast<Double4>(reinterpret_cast<Long4>(v) ^ odd_lanes);
+        std::memcpy(output + 32 * n + s0, &v, sizeof v);
+    }
+}
+}  // namespace
+
 void hybrid_synthesis(Layer3State& state, int32_t granule, int32_t channel, const double* x) {
     const GranuleInfo& gi = state.side_info.gr[granule][channel];
     PreviousBlock& previous = state.previous_block[channel];
     const bool mixed = gi.window_switching_flag != 0 && gi.mixed_block_flag != 0;
     const bool previous_mixed =
         previous.window_switching_flag != 0 && previous.mixed_block_flag != 0;
-    for (int32_t s = 0; s < 32; ++s) {
-        const uint32_t type = (mixed && s < 2) ? 0u : gi.block_type;
-        const uint32_t previous_type = (previous_mixed && s < 2) ? 0u : previous.block_type;
-        imdct_subband(x + 18 * s, state.overlap[channel][s], state.spectrum + s, type,
-                      previous_type, s);
+    double (*overlap)[32] = state.overlap[channel];
+    for (int32_t s0 = 0; s0 < 32; s0 += 4) {
+        // Only the long part of a mixed block (subbands 0 and 1) can differ from its group.
+        if (s0 == 0 && (mixed || previous_mixed)) {
+            for (int32_t s = 0; s < 4; ++s) {
+                const uint32_t type = (mixed && s < 2) ? 0u : gi.block_type;
+                const uint32_t previous_type =
+                    (previous_mixed && s < 2) ? 0u : previous.block_type;
+                double o[9];
+                for (int m = 0; m < 9; ++m) o[m] = overlap[m][s];
+                imdct_subband(x + 18 * s, o, state.spectrum + s, type, previous_type, s);
+                for (int m = 0; m < 9; ++m) overlap[m][s] = o[m];
+            }
+            continue;
+        }
+        if (previous.block_type > 3) unknown_block_type("Unknown block_type_prev");
+        if (gi.block_type > 3) unknown_block_type("Unknown block_type");
+        imdct_four_subbands(x + 18 * s0, overlap, state.spectrum, s0, gi.block_type,
+                            previous.block_type);
     }
     previous.block_type = gi.block_type;
     previous.window_switching_flag = gi.window_switching_flag;

@@ -23,6 +23,9 @@ void read_scale_factors(Layer3State& state, BitReader& reader, const FrameHeader
 
 // The entry of the next code word of the slot; its bits are consumed.
 uint32_t huffman_lookup(BitReader& reader, int32_t slot);
+// The entry whose code word begins the 19-bit string w, found through h_cue and the search of
+// the sorted code list (with its warnings); huffman_lookup takes short code words directly.
+uint32_t huffman_entry_search(int32_t slot, uint32_t w);
 void huffman_pair(BitReader& reader, int32_t slot, int32_t& x, int32_t& y);
 // Writes v, w, x, y to values; returns the bits consumed (code word and sign bits).
 int32_t huffman_quad(BitReader& reader, int32_t slot, int32_t values[4]);

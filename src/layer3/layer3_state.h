@@ -47,13 +47,23 @@ struct PreviousBlock {
     uint32_t mixed_block_flag;
 };
 
+// The polyphase history of one channel as the windowing reads it: each slot's 32 matrix outputs
+// h[0..31] are stored as 64 values, h reversed at 0..31 and h in order at 32..63, so that every
+// output's terms are contiguous in the output index. The 16 live slots sit in a ring that is
+// written twice (at n and n + 16), so that the slots from the newest back are always consecutive.
+struct SynthesisRing {
+    alignas(64) double slots[32][64];
+    int32_t newest;  // the newest slot is slots[newest], the one t slots back slots[newest + t]
+};
+
 struct Layer3State {
     // Per-granule scratch: quantised values, then requantised values, then subband samples.
     alignas(64) double spectrum[kGranuleLines];
-    // Persistent from granule to granule: IMDCT overlap (9 values per subband) and the
+    // Persistent from granule to granule: IMDCT overlap (9 values per subband, stored value by
+    // value so that neighbouring subbands lie side by side: [channel][value][subband]) and the
     // polyphase history (the matrix outputs of the last 16 slots) of each channel.
-    alignas(64) double overlap[2][32][9];
-    alignas(64) double synthesis_history[2][512];
+    alignas(64) double overlap[2][9][32];
+    SynthesisRing synthesis[2];
     PreviousBlock previous_block[2];
     int32_t reservoir_bits;
 

@@ -1,6 +1,7 @@
 // Requantisation: each quantised value v becomes sign(v) |v|^(4/3) 2^(e/4), with the exponent e
 // of its scale-factor band (and window, for short blocks). |v|^(4/3) comes from the table
 // built at reset; the power of two from a shift and one of four stored quarter powers.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -31,6 +32,20 @@ inline double signed_pow43_of(const double* table, double value) {
 
 void scale_run(const double* table, double* values, int32_t count, double gain) {
     for (int32_t i = 0; i < count; ++i) values[i] = signed_pow43_of(table, values[i]) * gain;
+}
+
+// One past the last line whose value is not +0.0 (bit for bit). Those lines would become
+// 0.0 times a gain that is never negative, that is +0.0 again, so the long-block path leaves
+// them as they are.
+int32_t end_of_nonzero(const double* values) {
+    int32_t end = kGranuleLines;
+    while (end > 0) {
+        uint64_t bits = 0;
+        std::memcpy(&bits, values + end - 1, sizeof bits);
+        if (bits != 0) break;
+        --end;
+    }
+    return end;
 }
 }  // namespace
 
@@ -64,10 +79,11 @@ void requantise(Layer3State& state, int32_t granule, int32_t channel) {
     double* values = state.spectrum;
 
     if (gi.block_type != 2) {
-        for (int32_t b = 0; b < 22; ++b) {
+        const int32_t end = end_of_nonzero(values);
+        for (int32_t b = 0; b < 22 && lb[b] < end; ++b) {
             const double gain = long_band_gain(gi.global_gain, gi.scalefac_scale, sf.l[channel][b],
                                                b, gi.preflag);
-            scale_run(table, values + lb[b], lb[b + 1] - lb[b], gain);
+            scale_run(table, values + lb[b], std::min(lb[b + 1], end) - lb[b], gain);
         }
         return;
     }

@@ -92,6 +92,16 @@ void stereo_process(Layer3State& state, const FrameHeader& header, int32_t granu
     if (state.is_stereo == 1) enter_intensity_positions(state, state.side_info.gr[granule][1], is_pos);
 
     const bool ms = state.ms_stereo == 1;
+    if (state.is_stereo != 1) {
+        // Middle/side alone: every line takes the same two sums; a loop without branches.
+        for (int32_t i = 0; i < kGranuleLines; ++i) {
+            const double l = left[i];
+            const double r = right[i];
+            left[i] = (r + l) * kMsFactor;
+            right[i] = (l - r) * kMsFactor;
+        }
+        return;
+    }
     const bool mpeg1 = header.id == 1;
     const double* lsf_row = LsfIntensityFactor[state.scale_factors.intensity_scale & 1u];
     for (int32_t i = 0; i < kGranuleLines; ++i) {

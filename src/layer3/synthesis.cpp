@@ -1,10 +1,15 @@
 // The polyphase synthesis filterbank: each time slot's 32 subband samples are matrixed by a
-// fast 32-point cosine transform into the channel's 512-value history, and 32 output samples
-// are formed from the last 16 slots with the 512-tap window (256 halved values stored).
+// fast 32-point cosine transform into the channel's history of the last 16 slots, and 32 output
+// samples are formed from that history with the 512-tap window (256 halved values stored).
+// synthesize_slot is the plain form over a 512-value history that moves by one slot each time;
+// synthesize_granule computes the same values in the same order over a ring of slots, four
+// outputs at a time.
+#include <array>
 #include <cstring>
 
 #include "layer3/layer3_stages.h"
 #include "layer3/layer3_tables.h"
+#include "layer3/simd.h"
 
 namespace kavolib {
 
@@ -19,10 +24,9 @@ constexpr int reverse_bits(int value, int bits) {
 // D[64i + 32 + j] (i = 0..7) as stored halves, with the window's sign rule and the sign of the
 // history value folded in (a sign change is exact, so the products are unchanged), and the
 // history positions they multiply.
-// Stored term-major ([term][output]) so that the output loop keeps 32 independent sums.
 struct WindowPlan {
-    double coef[16][32];
-    int index[16][32];
+    double coef[32][16];
+    int index[32][16];
 };
 
 double half_window(int i) {  // D[i] / 2 from the stored half
@@ -48,13 +52,13 @@ WindowPlan make_plan() {
             } else {
                 pos_p = j - 17;
             }
-            plan.coef[2 * i][j] = sign_p * half_window(64 * i + j);
-            plan.index[2 * i][j] = 32 * sp + pos_p;
+            plan.coef[j][2 * i] = sign_p * half_window(64 * i + j);
+            plan.index[j][2 * i] = 32 * sp + pos_p;
             // Q_{2i+1}(j): slot 2i + 1 back
             const int sq = 2 * i + 1;
             const int pos_q = j < 16 ? 15 + j : 47 - j;
-            plan.coef[2 * i + 1][j] = half_window(64 * i + 32 + j);
-            plan.index[2 * i + 1][j] = 32 * sq + pos_q;
+            plan.coef[j][2 * i + 1] = half_window(64 * i + 32 + j);
+            plan.index[j][2 * i + 1] = 32 * sq + pos_q;
         }
     }
     return plan;
@@ -107,21 +111,216 @@ void synthesize_slot(const double* slot, double* history, double* out) {
     }
     for (int k = 0; k < 32; ++k) history[31 - k] = r[reverse_bits(k, 5)];
 
-    // Each output sums its 16 products in the order i = 0..7, P before Q, then doubles. The
-    // loops run term by term over all 32 outputs, so the sums advance side by side; each output
-    // still adds its own products in the same order.
-    double sum[32] = {};
-    for (int t = 0; t < 16; ++t) {
-        const double* coef = kPlan.coef[t];
-        const int* index = kPlan.index[t];
-        for (int j = 0; j < 32; ++j) sum[j] += history[index[j]] * coef[j];
+    // Each output sums its 16 products in the order i = 0..7, P before Q, then doubles.
+    for (int j = 0; j < 32; ++j) {
+        const double* coef = kPlan.coef[j];
+        const int* index = kPlan.index[j];
+        double sum = 0.0;
+        for (int t = 0; t < 16; ++t) sum += history[index[t]] * coef[t];
+        out[j] = 2.0 * sum;
     }
-    for (int j = 0; j < 32; ++j) out[j] = 2.0 * sum[j];
 }
 
+namespace {
+// One step of the recombination: r[index] = 2 r[index] - r[previous].
+struct RecombineStep {
+    int8_t index;
+    int8_t previous;
+};
+
+constexpr std::array<RecombineStep, 49> make_recombine_steps() {
+    std::array<RecombineStep, 49> steps{};
+    int n = 0;
+    for (int size = 4, bits = 1; size <= 32; size *= 2, ++bits) {
+        const int half = size / 2;
+        for (int base = 0; base < 32; base += size) {
+            int previous = base + half;
+            for (int o = 1; o < half; ++o) {
+                const int index = base + half + reverse_bits(o, bits);
+                steps[static_cast<size_t>(n++)] = {static_cast<int8_t>(index),
+                                                   static_cast<int8_t>(previous)};
+                previous = index;
+            }
+        }
+    }
+    return steps;
+}
+
+constexpr std::array<RecombineStep, 49> kRecombine = make_recombine_steps();
+
+// Where the extended slot takes its values from R: e[k] = h[31 - k] = R[rev5(k)] and
+// e[32 + m] = h[m] = R[rev5(31 - m)].
+constexpr std::array<int8_t, 64> make_extended_order() {
+    std::array<int8_t, 64> order{};
+    for (int k = 0; k < 32; ++k) {
+        order[static_cast<size_t>(k)] = static_cast<int8_t>(reverse_bits(k, 5));
+        order[static_cast<size_t>(32 + k)] = static_cast<int8_t>(reverse_bits(31 - k, 5));
+    }
+    return order;
+}
+
+constexpr std::array<int8_t, 64> kExtendedOrder = make_extended_order();
+
+// The matrixing of synthesize_slot, operation for operation, with the index arithmetic done at
+// compile time. T is double for one slot, or Double4 for four slots at once (one per lane).
+template <typename T>
+__attribute__((always_inline)) inline void matrix_core(const T* slot, T* r) {
+    for (int i = 0; i < 16; ++i) {
+        const T a = slot[2 * i];
+        const T b = slot[31 - 2 * i];
+        r[i] = -(a + b);
+        r[16 + i] = (b - a) * DctCos[i];
+    }
+    const double* cosines = DctCos + 16;
+    for (int base = 0; base < 32; base += 16) {
+        for (int k = 0; k < 8; ++k) {
+            const T a = r[base + k];
+            const T b = r[base + 8 + k];
+            r[base + k] = a + b;
+            r[base + 8 + k] = (a - b) * cosines[k];
+        }
+    }
+    cosines += 8;
+    for (int base = 0; base < 32; base += 8) {
+        for (int k = 0; k < 4; ++k) {
+            const T a = r[base + k];
+            const T b = r[base + 4 + k];
+            r[base + k] = a + b;
+            r[base + 4 + k] = (a - b) * cosines[k];
+        }
+    }
+    cosines += 4;
+    for (int base = 0; base < 32; base += 4) {
+        for (int k = 0; k < 2; ++k) {
+            const T a = r[base + k];
+            const T b = r[base + 2 + k];
+            r[base + k] = a + b;
+            r[base + 2 + k] = (a - b) * cosines[k];
+        }
+    }
+    for (int m = 0; m < 16; ++m) {
+        const T a = r[2 * m];
+        const T b = r[2 * m + 1];
+        r[2 * m] = a + b;
+        r[2 * m + 1] = (a - b) * DctCos[30];
+    }
+#pragma GCC unroll 49
+    for (const RecombineStep& step : kRecombine) {
+        r[step.index] = 2.0 * r[step.index] - r[step.previous];
+    }
+}
+
+// One slot, written in the extended form of SynthesisRing.
+void matrix_extended(const double* slot, double* e) {
+    double r[32];
+    matrix_core(slot, r);
+#pragma GCC unroll 64
+    for (int k = 0; k < 64; ++k) e[k] = r[kExtendedOrder[static_cast<size_t>(k)]];
+}
+
+// Rows a, b, c, d (four doubles each) become columns, in place.
+__attribute__((always_inline)) inline void transpose4(Double4& a, Double4& b, Double4& c, Double4& d) {
+    const Long4 low = {0, 4, 2, 6};
+    const Long4 high = {1, 5, 3, 7};
+    const Long4 first = {0, 1, 4, 5};
+    const Long4 second = {2, 3, 6, 7};
+    const Double4 t0 = __builtin_shuffle(a, b, low);
+    const Double4 t1 = __builtin_shuffle(a, b, high);
+    const Double4 t2 = __builtin_shuffle(c, d, low);
+    const Double4 t3 = __builtin_shuffle(c, d, high);
+    a = __builtin_shuffle(t0, t2, first);
+    b = __builtin_shuffle(t1, t3, first);
+    c = __builtin_shuffle(t0, t2, second);
+    d = __builtin_shuffle(t1, t3, second);
+}
+
+// Four consecutive slots (32 values apart in slots) matrixed at once; slot l's extended form
+// goes to e[l].
+KAVO_VECTOR_CLONES void matrix_four_slots(const double* slots, double (*e)[64]) {
+    Double4 in[32];
+    for (int n = 0; n < 32; n += 4) {
+        for (int l = 0; l < 4; ++l) std::memcpy(&in[n + l], slots + 32 * l + n, sizeof in[0]);
+        transpose4(in[n], in[n + 1], in[n + 2], in[n + 3]);
+    }
+    Double4 r[32];
+    matrix_core(in, r);
+    for (int k = 0; k < 64; k += 4) {
+        Double4 v[4];
+        for (int i = 0; i < 4; ++i) v[i] = r[kExtendedOrder[static_cast<size_t>(k + i)]];
+        transpose4(v[0], v[1], v[2], v[3]);
+        for (int l = 0; l < 4; ++l) std::memcpy(e[l] + k, &v[l], sizeof v[l]);
+    }
+}
+
+// The window of kPlan arranged by term: coefficient of term t (slot t back) for output j at
+// [t][j]. In the extended slot, term t of output j reads e[16 + j] (even t, j < 16),
+// e[15 + j] (even t, j >= 16; for j = 16 this is h[0] with a zero coefficient, as in kPlan),
+// e[47 + j] (odd t, j < 16) or e[j - 16] (odd t, j >= 16): the history values of kPlan.index.
+struct TermWindow {
+    alignas(64) double coef[16][32];
+};
+
+TermWindow make_term_window() {
+    TermWindow window{};
+    for (int t = 0; t < 16; ++t) {
+        for (int j = 0; j < 32; ++j) window.coef[t][j] = kPlan.coef[j][t];
+    }
+    return window;
+}
+
+const TermWindow kTermWindow = make_term_window();
+
+// 32 outputs of one slot from the ring at its newest slot: each output's 16 products summed in
+// term order from 0.0, then doubled, exactly as in synthesize_slot.
+KAVO_VECTOR_CLONES void window_slot(const double* newest, double* out) {
+    Double4 acc[8];
+    for (Double4& a : acc) a = Double4{0.0, 0.0, 0.0, 0.0};
+    for (int t = 0; t < 16; t += 2) {
+        const double* e = newest + 64 * t;
+        const double* c = kTermWindow.coef[t];
+        for (int b = 0; b < 8; ++b) {
+            Double4 h;
+            Double4 w;
+            std::memcpy(&h, e + (b < 4 ? 16 : 15) + 4 * b, sizeof h);
+            std::memcpy(&w, c + 4 * b, sizeof w);
+            acc[b] += h * w;
+        }
+        e += 64;
+        c += 32;
+        for (int b = 0; b < 8; ++b) {
+            Double4 h;
+            Double4 w;
+            std::memcpy(&h, e + (b < 4 ? 47 : -16) + 4 * b, sizeof h);
+            std::memcpy(&w, c + 4 * b, sizeof w);
+            acc[b] += h * w;
+        }
+    }
+    for (int b = 0; b < 8; ++b) {
+        const Double4 doubled = acc[b] * 2.0;
+        std::memcpy(out + 4 * b, &doubled, sizeof doubled);
+    }
+}
+}  // namespace
+
 void synthesize_granule(Layer3State& state, int32_t channel, double* out) {
-    double* history = state.synthesis_history[channel];
-    for (int32_t t = 0; t < 18; ++t) synthesize_slot(state.spectrum + 32 * t, history, out + 32 * t);
+    SynthesisRing& ring = state.synthesis[channel];
+    int32_t newest = ring.newest & 15;
+    // Slots 0 to 15 are matrixed four at a time (the ring holds only the last 16 slots, so
+    // the four wait in a buffer), slots 16 and 17 one by one.
+    alignas(64) double batch[4][64];
+    for (int32_t t = 0; t < 18; ++t) {
+        newest = (newest + 15) & 15;
+        double* e = ring.slots[newest];
+        if (t < 16) {
+            if (t % 4 == 0) matrix_four_slots(state.spectrum + 32 * t, batch);
+            std::memcpy(e, batch[t % 4], sizeof ring.slots[0]);
+        } else {
+            matrix_extended(state.spectrum + 32 * t, e);
+        }
+        std::memcpy(ring.slots[newest + 16], e, sizeof ring.slots[0]);
+        window_slot(e, out + 32 * t);
+    }
+    ring.newest = newest;
 }
 
 }  // namespace kavolib

@@ -1,0 +1,217 @@
+// The decoder's fast paths against their plain forms: every output double must be the same bit
+// pattern (compared with memcmp, so that -0.0 against 0.0 counts as a difference), over many
+// random inputs, several granules in a row (so that the carried state is exercised) and both
+// channels interleaved.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <random>
+
+#include "layer3/layer3_stages.h"
+#include "layer3/layer3_tables.h"
+
+using namespace kavolib;
+
+namespace {
+
+bool same_bits(const double* a, const double* b, size_t n) {
+    return std::memcmp(a, b, n * sizeof(double)) == 0;
+}
+
+// Subband samples of the kinds a decoder meets: silence, a few nonzero lines, full random
+// values of ordinary size, and rare very large ones (past full scale).
+void random_slots(std::mt19937& rng, double* x, int count, int kind) {
+    std::uniform_real_distribution<double> unit(-1.0, 1.0);
+    std::uniform_int_distribution<int> pick(0, 15);
+    for (int i = 0; i < count; ++i) {
+        switch (kind % 4) {
+            case 0: x[i] = 0.0; break;
+            case 1: x[i] = pick(rng) == 0 ? unit(rng) : 0.0; break;
+            case 2: x[i] = unit(rng) * 0.3; break;
+            default: x[i] = pick(rng) == 0 ? unit(rng) * 1.0e5 : unit(rng); break;
+        }
+    }
+}
+
+TEST(FastSynthesis, GranulesMatchThePlainSlotByBit) {
+    auto state = std::make_unique<Layer3State>();
+    std::memset(state->synthesis, 0, sizeof state->synthesis);
+    double plain_history[2][512] = {};
+    std::mt19937 rng(11);
+    for (int granule = 0; granule < 120; ++granule) {
+        // A clear of both histories now and then, as after a change of mode.
+        if (granule == 70) {
+            std::memset(state->synthesis, 0, sizeof state->synthesis);
+            std::memset(plain_history, 0, sizeof plain_history);
+        }
+        for (int channel = 0; channel < 2; ++channel) {
+            random_slots(rng, state->spectrum, 576, granule + 3 * channel);
+            double plain_out[576];
+            for (int t = 0; t < 18; ++t) {
+                synthesize_slot(state->spectrum + 32 * t, plain_history[channel], plain_out + 32 * t);
+            }
+            double fast_out[576];
+            synthesize_granule(*state, channel, fast_out);
+            ASSERT_TRUE(same_bits(plain_out, fast_out, 576))
+                << "granule " << granule << " channel " << channel;
+        }
+    }
+}
+
+// The plain hybrid filterbank: imdct_subband for each subband in turn, over the overlap held
+// subband by subband, with the block types of a mixed block's long part as in hybrid_synthesis.
+struct PlainHybrid {
+    double overlap[32][9] = {};
+    PreviousBlock previous{};
+
+    void run(const GranuleInfo& gi, const double* x, double* output) {
+        const bool mixed = gi.window_switching_flag != 0 && gi.mixed_block_flag != 0;
+        const bool previous_mixed =
+            previous.window_switching_flag != 0 && previous.mixed_block_flag != 0;
+        for (int s = 0; s < 32; ++s) {
+            const uint32_t type = (mixed && s < 2) ? 0u : gi.block_type;
+            const uint32_t previous_type = (previous_mixed && s < 2) ? 0u : previous.block_type;
+            imdct_subband(x + 18 * s, overlap[s], output + s, type, previous_type, s);
+        }
+        previous = {gi.block_type, gi.window_switching_flag, gi.mixed_block_flag};
+    }
+};
+
+// Block kinds as the side information gives them: (window_switching_flag, block_type,
+// mixed_block_flag); long, start, short, stop and mixed short.
+constexpr uint32_t kBlockKinds[][3] = {{0, 0, 0}, {1, 1, 0}, {1, 2, 0}, {1, 3, 0}, {1, 2, 1}};
+
+TEST(FastHybrid, GranulesMatchThePlainSubbandTransformByBit) {
+    auto state = std::make_unique<Layer3State>();
+    std::memset(state->overlap, 0, sizeof state->overlap);
+    std::memset(state->previous_block, 0, sizeof state->previous_block);
+    PlainHybrid plain[2];
+    std::mt19937 rng(23);
+    std::uniform_int_distribution<int> kind(0, 4);
+    // Every pair of block kinds in a row appears many times over 400 granules per channel.
+    for (int granule = 0; granule < 400; ++granule) {
+        for (int channel = 0; channel < 2; ++channel) {
+            const uint32_t* k = kBlockKinds[kind(rng)];
+            GranuleInfo& gi = state->side_info.gr[0][channel];
+            gi = GranuleInfo{};
+            gi.window_switching_flag = k[0];
+            gi.block_type = k[1];
+            gi.mixed_block_flag = k[2];
+            double x[576];
+            random_slots(rng, x, 576, granule + channel);
+            double plain_out[576];
+            plain[channel].run(gi, x, plain_out);
+            hybrid_synthesis(*state, 0, channel, x);
+            ASSERT_TRUE(same_bits(plain_out, state->spectrum, 576))
+                << "granule " << granule << " channel " << channel << " type " << k[1];
+        }
+    }
+}
+
+// The direct table for short code words against the search through h_cue, for every slot and
+// every 19-bit string; the strings straddle the end of the circular buffer at every bit offset,
+// so the reader's wrap is crossed as well.
+TEST(FastHuffman, LookupFindsTheEntryTheSearchFinds) {
+    StreamBuffer stream{};
+    BitReader reader{};
+    for (int32_t slot = 0; slot < kHuffmanSlots; ++slot) {
+        for (uint32_t w = 0; w < (1u << 19); ++w) {
+            const int offset = static_cast<int>(w % 8);
+            const int32_t start = 1917 + static_cast<int32_t>((w >> 3) % 3);  // 1917..1919
+            const uint64_t bits = static_cast<uint64_t>(w) << (45 - offset);
+            for (int b = 0; b < 4; ++b) {
+                stream.bytes[(start + b) % kStreamBufferSize] =
+                    static_cast<uint8_t>(bits >> (56 - 8 * b));
+            }
+            reader.cursor = BitPosition{stream.bytes, offset, start};
+            const uint32_t entry = huffman_lookup(reader, slot);
+            const uint32_t expected = huffman_entry_search(slot, w);
+            const int32_t len = static_cast<int32_t>((expected >> 8) & 31u);
+            const int32_t bit = start * 8 + offset + len;
+            if (entry != expected || reader.cursor.byte_index != (bit / 8) % kStreamBufferSize ||
+                reader.cursor.bit_offset != bit % 8) {
+                FAIL() << "slot " << slot << " string " << w << " entry " << std::hex << entry
+                       << " expected " << expected;
+            }
+        }
+    }
+}
+
+// Requantisation of long blocks leaves the zero tail alone; against every line scaled as the
+// plain form does it, with -0.0 and a nonzero last line among the inputs.
+TEST(FastRequantise, LongBlocksMatchEveryLineScaledByBit) {
+    auto state = std::make_unique<Layer3State>();
+    for (int i = 0; i < kPow43Size; ++i) state->pow43[i] = std::pow(i, 4.0 / 3.0);
+    std::mt19937 rng(31);
+    std::uniform_int_distribution<int> magnitude(-20, 20);
+    std::uniform_int_distribution<int> escape(-8206, 8206);
+    std::uniform_int_distribution<int> line(0, 576);
+    std::uniform_int_distribution<int> gain(0, 255);
+    std::uniform_int_distribution<int> factor(0, 15);
+    for (int round = 0; round < 300; ++round) {
+        const int row = round % 3;
+        const int rate = (round / 3) % 3;
+        state->long_bounds = kLongBandBounds[row][rate];
+        GranuleInfo& gi = state->side_info.gr[0][0];
+        gi = GranuleInfo{};
+        gi.global_gain = static_cast<uint32_t>(gain(rng));
+        gi.scalefac_scale = static_cast<uint32_t>(round & 1);
+        gi.preflag = static_cast<uint32_t>((round >> 1) & 1);
+        for (uint32_t& l : state->scale_factors.l[0]) l = static_cast<uint32_t>(factor(rng));
+        state->scale_factors.l[0][21] = 0;
+        const int end = round == 0 ? 576 : line(rng);
+        for (int i = 0; i < 576; ++i) {
+            const int v = (i % 97 == 5) ? escape(rng) : magnitude(rng);
+            state->spectrum[i] = i < end ? v : 0.0;
+        }
+        if (round % 5 == 1) state->spectrum[575] = -0.0;
+        if (round % 7 == 2 && end > 0) state->spectrum[end - 1] = 3.0;
+
+        double plain[576];
+        const int32_t* lb = state->long_bounds;
+        for (int b = 0; b < 22; ++b) {
+            const double g = long_band_gain(gi.global_gain, gi.scalefac_scale,
+                                            state->scale_factors.l[0][b], b, gi.preflag);
+            for (int i = lb[b]; i < lb[b + 1]; ++i) plain[i] = signed_pow43(*state, state->spectrum[i]) * g;
+        }
+        requantise(*state, 0, 0);
+        ASSERT_TRUE(same_bits(plain, state->spectrum, 576)) << "round " << round;
+    }
+}
+
+// Middle/side alone takes a loop of its own; with intensity on but its bound above every band
+// the general loop treats every line as middle/side. Both must give the same bits.
+TEST(FastStereo, MiddleSideAloneMatchesTheGeneralLoop) {
+    std::mt19937 rng(41);
+    for (int id : {1, 0}) {
+        auto fast = std::make_unique<Layer3State>();
+        auto general = std::make_unique<Layer3State>();
+        for (Layer3State* st : {fast.get(), general.get()}) {
+            st->long_bounds = kLongBandBounds[id == 1 ? 0 : 1][0];
+            st->short_bounds = kShortBandBounds[id == 1 ? 0 : 1][0];
+            st->side_info.gr[0][1] = GranuleInfo{};
+            st->ms_stereo = 1;
+        }
+        fast->is_stereo = 0;
+        general->is_stereo = 1;
+        general->intensity_bound[0] = 22;
+        FrameHeader header{};
+        header.id = id;
+        header.mode = 1;
+        double fast_lr[2][576];
+        random_slots(rng, fast_lr[0], 576, 3);
+        random_slots(rng, fast_lr[1], 576, 2);
+        fast_lr[0][7] = -0.0;
+        fast_lr[1][9] = -0.0;
+        double general_lr[2][576];
+        std::memcpy(general_lr, fast_lr, sizeof fast_lr);
+        stereo_process(*fast, header, 0, fast_lr[0], fast_lr[1]);
+        stereo_process(*general, header, 0, general_lr[0], general_lr[1]);
+        EXPECT_TRUE(same_bits(fast_lr[0], general_lr[0], 576)) << "id " << id;
+        EXPECT_TRUE(same_bits(fast_lr[1], general_lr[1], 576)) << "id " << id;
+    }
+}
+
+}  // namespace
