@@ -9,6 +9,8 @@ packages=(
   libcli11-dev                            # argument parsing of the kavo command
   lame twolame sox libsox-fmt-all espeak-ng mpg123 ffmpeg  # fixtures and reference decoders
   clang libclang-rt-14-dev                # libFuzzer
+  time                                    # peak memory in the benchmarks
+  g++-mingw-w64-x86-64 wine64             # the Windows DLL, cross-built and run under Wine
 )
 missing=()
 for p in "${packages[@]}"; do
