@@ -21,7 +21,9 @@ namespace {
 
 enum class Check {
     within_one_lsb,  // every compared value within 1 LSB of the reference
-    report_only,     // the reference is not trusted: measured and printed, not asserted
+    unverified,      // the reference is not trusted (independent decoders disagree with it and
+                     // with one another by thousands of LSB): every frame must be decoded and
+                     // the difference stay within that spread
     decodes,         // malformed input without a usable reference: must decode without fault
 };
 
@@ -129,6 +131,11 @@ TEST_P(Conformance, DecodePhaseAgainstReference) {
         }
         EXPECT_LE(max_diff, 1) << c.why;
     }
+    if (c.check == Check::unverified) {
+        EXPECT_EQ(ours.size(), ref.size()) << "every frame decoded";
+        // Measured: 36.7 and 32.7 dB; independent decoders spread over a similar range.
+        EXPECT_GT(psnr, 30.0) << c.why;
+    }
 }
 
 const long kStereo44 = 2304;  // values of one MPEG-1 stereo frame
@@ -167,8 +174,8 @@ INSTANTIATE_TEST_SUITE_P(
         ConformanceCase{"m2_compl24", "mpeg2-lsf/M2L3_compl24", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
         ConformanceCase{"m2_noise", "mpeg2-lsf/M2L3_noise", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
         // Independent decoders disagree with these references and with one another.
-        ConformanceCase{"test45", "mpeg2-lsf/l3-test45", Check::report_only, 0, 0, 0, {}, -1, "unverified reference"},
-        ConformanceCase{"test46", "mpeg2-lsf/l3-test46", Check::report_only, 0, 0, 0, {}, -1, "unverified reference"},
+        ConformanceCase{"test45", "mpeg2-lsf/l3-test45", Check::unverified, 0, 0, 0, {}, -1, "unverified reference"},
+        ConformanceCase{"test46", "mpeg2-lsf/l3-test46", Check::unverified, 0, 0, 0, {}, -1, "unverified reference"},
         ConformanceCase{"ill2", "nonstandard/ILL2_layer3", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
         ConformanceCase{"id3v1", "nonstandard/l3-nonstandard-id3v1", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
         ConformanceCase{"apetag", "nonstandard/l3-nonstandard-apetag", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
@@ -189,10 +196,10 @@ INSTANTIATE_TEST_SUITE_P(
         ConformanceCase{"sideinfo_size", "nonstandard/l3-nonstandard-sideinfo-size", Check::decodes, 0, 0, 0, {}, 0, ""},
         ConformanceCase{"small", "nonstandard/l3-nonstandard-small", Check::decodes, 0, 0, 0, {}, 0, ""},
         ConformanceCase{"big_iscf", "nonstandard/l3-nonstandard-big-iscf", Check::decodes, 0, 0, 0, {}, -1, ""},
-        ConformanceCase{"compl_bigvalues", "nonstandard/l3-nonstandard-compl-sideinfo-bigvalues", Check::report_only, 0, 0, 0, {}, -1, "corrupted side information"},
-        ConformanceCase{"compl_blocktype", "nonstandard/l3-nonstandard-compl-sideinfo-blocktype", Check::report_only, 0, 0, 0, {}, -1, "corrupted side information"},
-        ConformanceCase{"compl_size", "nonstandard/l3-nonstandard-compl-sideinfo-size", Check::report_only, 0, 0, 0, {}, -1, "corrupted side information"},
-        ConformanceCase{"lame_vbrtag", "nonstandard/l3-nonstandard-sin1k0db_lame_vbrtag", Check::report_only, 0, 0, 0, {}, -1,
+        ConformanceCase{"compl_bigvalues", "nonstandard/l3-nonstandard-compl-sideinfo-bigvalues", Check::decodes, 0, 0, 0, {}, -1, "corrupted side information"},
+        ConformanceCase{"compl_blocktype", "nonstandard/l3-nonstandard-compl-sideinfo-blocktype", Check::decodes, 0, 0, 0, {}, -1, "corrupted side information"},
+        ConformanceCase{"compl_size", "nonstandard/l3-nonstandard-compl-sideinfo-size", Check::decodes, 0, 0, 0, {}, -1, "corrupted side information"},
+        ConformanceCase{"lame_vbrtag", "nonstandard/l3-nonstandard-sin1k0db_lame_vbrtag", Check::decodes, 0, 0, 0, {}, -1,
                         "the reference is trimmed for gapless playback"}),
     [](const testing::TestParamInfo<ConformanceCase>& p) { return std::string(p.param.name); });
 // clang-format on
