@@ -2,7 +2,9 @@
 // private working directory so that the user's directory only ever receives the output.
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 
 #include "commands.h"
@@ -35,11 +37,16 @@ int32_t draw_progress(int32_t /*user*/, int32_t low, int32_t high, int32_t perce
 
 const char* refusal_text(int status) {
     switch (status) {
-        case 3: return "the input path is empty";
-        case 4: return "the output path is empty";
-        case 5: return "a gain of -1.0 is not accepted";
-        case 6: return "a path names one of the library's temporary files";
-        default: return "the library refused the call";
+        case 3:
+            return "the input path is empty";
+        case 4:
+            return "the output path is empty";
+        case 5:
+            return "a gain of -1.0 is not accepted";
+        case 6:
+            return "a path names one of the library's temporary files";
+        default:
+            return "the library refused the call";
     }
 }
 
@@ -60,9 +67,8 @@ int cmd_convert(const std::string& in, const std::string& out, float gain) {
     const bool show_bar = isatty(fileno(stderr)) != 0;
     const int code = run_in_child(work.path(), [&]() {
         // Empty paths and the gain -1.0 go to the library unchanged so that it decides.
-        const ConversionResult result =
-            kavo(input.c_str(), out.empty() ? "" : kPrivateOutput, gain,
-                 show_bar ? draw_progress : nullptr, 0);
+        const ConversionResult result = kavo(input.c_str(), out.empty() ? "" : kPrivateOutput, gain,
+                                             show_bar ? draw_progress : nullptr, 0);
         if (show_bar && g_last_percent >= 0) std::fputc('\n', stderr);
         return result.status == 1 ? 0 : result.status;
     });
@@ -71,14 +77,24 @@ int cmd_convert(const std::string& in, const std::string& out, float gain) {
         return kExitUsage;
     }
     if (code != 0) {
-        std::fprintf(stderr, "kavo convert: conversion of '%s' failed (exit code %d); '%s' was not written\n",
-                     in.c_str(), code, out.c_str());
+        std::fprintf(
+            stderr,
+            "kavo convert: conversion of '%s' failed (exit code %d); '%s' was not written\n",
+            in.c_str(), code, out.c_str());
         return kExitFailed;
     }
+    std::error_code error;
+    const auto bytes = std::filesystem::file_size(work.file(kPrivateOutput), error);
     const std::string moved = move_file(work.file(kPrivateOutput), out);
     if (!moved.empty()) {
         std::fprintf(stderr, "kavo convert: cannot write '%s': %s\n", out.c_str(), moved.c_str());
         return kExitFailed;
+    }
+    if (!error) {
+        // 4000 bytes of codes per second of 8000 Hz audio.
+        std::fprintf(stderr, "kavo convert: wrote '%s': %ju bytes, %.2f s of 8000 Hz ADPCM\n",
+                     out.c_str(), static_cast<uintmax_t>(bytes),
+                     static_cast<double>(bytes) / 4000.0);
     }
     return kExitOk;
 }

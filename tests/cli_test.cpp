@@ -50,8 +50,40 @@ TEST(CliConvert, RefusalsBecomeOneLineMessagesAndStatusTwo) {
 
 TEST(CliConvert, MissingInputIsAClearFailure) {
     TempDir dir;
-    const auto run = run_process({KAVO_CLI_PATH, "convert", "nothing.mp3", "out.adpcm"}, dir.path());
+    const auto run =
+        run_process({KAVO_CLI_PATH, "convert", "nothing.mp3", "out.adpcm"}, dir.path());
     EXPECT_EQ(run.exit_code, 1);
     EXPECT_NE(run.err.find("cannot read 'nothing.mp3'"), std::string::npos) << run.err;
     EXPECT_TRUE(dir.entries().empty());
+}
+
+TEST(CliConvert, LeavesOnlyTheOutputAndMatchesTheLibrary) {
+    TempDir dir;
+    const std::string mp3 = std::string(KAVO_FIXTURES_DIR) + "/tone_m1_44k_joint.mp3";
+    kavotest::write_file(dir.file("in.mp3"), kavotest::read_file(mp3));
+    const auto run = run_process({KAVO_CLI_PATH, "convert", "in.mp3", "out.adpcm"}, dir.path());
+    ASSERT_EQ(run.exit_code, 0) << run.err;
+    EXPECT_NE(run.err.find("kavo convert: wrote 'out.adpcm'"), std::string::npos) << run.err;
+    EXPECT_EQ(dir.entries(), (std::vector<std::string>{"in.mp3", "out.adpcm"}));
+
+    // The same conversion through the C host, in the directory the library works in.
+    TempDir host;
+    kavotest::write_file(host.file("in.mp3"), kavotest::read_file(mp3));
+    ASSERT_EQ(run_process({KAVO_C_HOST_PATH, "in.mp3", "lib.adpcm", "1.0"}, host.path()).exit_code,
+              0);
+    EXPECT_EQ(kavotest::read_file(dir.file("out.adpcm")),
+              kavotest::read_file(host.file("lib.adpcm")));
+}
+
+TEST(CliConvert, AFailedConversionLeavesAnExistingOutputAlone) {
+    TempDir dir;
+    kavotest::write_file(dir.file("in.mp2"), kavotest::read_file(std::string(KAVO_FIXTURES_DIR) +
+                                                                 "/layer2_m1_44k_stereo.mp2"));
+    kavotest::write_file(dir.file("out.adpcm"), "keep me");
+    const auto run = run_process({KAVO_CLI_PATH, "convert", "in.mp2", "out.adpcm"}, dir.path());
+    EXPECT_EQ(run.exit_code, 1);
+    EXPECT_NE(run.err.find("Layer 2 no  support"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("'out.adpcm' was not written"), std::string::npos) << run.err;
+    EXPECT_EQ(kavotest::read_file(dir.file("out.adpcm")), "keep me");
+    EXPECT_EQ(dir.entries(), (std::vector<std::string>{"in.mp2", "out.adpcm"}));
 }
