@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "layer3/simd.h"
 #include "platform/platform.h"
 #include "platform/report_message.h"
 
@@ -59,6 +60,19 @@ int16_t pcm_sample16(double x) {
     if (v >= 32768.0) return 32767;
     if (!(v > -32769.0)) return -32768;
     return static_cast<int16_t>(static_cast<int32_t>(v));
+}
+
+// Both roundings are computed and one is selected (v - 0.5 and v + -0.5 are the same sum), and
+// each clip is a select on the same comparison pcm_sample16 makes, so NaN still ends at -32768.
+KAVO_VECTOR_CLONES
+void pcm_samples16(const double* x, int16_t* out, int count) {
+    for (int i = 0; i < count; ++i) {
+        const double v = x[i] * 32768.0;
+        double r = x[i] > 0 ? v + 0.5 : v - 0.5;
+        r = r >= 32768.0 ? 32767.0 : r;
+        r = r > -32769.0 ? r : -32768.0;
+        out[i] = static_cast<int16_t>(static_cast<int32_t>(r));
+    }
 }
 
 uint32_t pcm_sample24(double x) {
@@ -124,16 +138,22 @@ void write_granule_pcm(DecodeFiles& files, const double* pcm, int32_t channels) 
         }
         return;
     }
+    int16_t samples[2][kGranuleSamples];
+    for (int ch = 0; ch < per_position; ++ch) {
+        pcm_samples16(pcm + ch * kGranuleSamples, samples[ch], kGranuleSamples);
+    }
     uint8_t bytes[2 * 2 * kGranuleSamples];
-    size_t count = 0;
-    for (int i = 0; i < kGranuleSamples; ++i) {
-        for (int ch = 0; ch < per_position; ++ch) {
-            const auto value = static_cast<uint16_t>(pcm_sample16(pcm[ch * kGranuleSamples + i]));
-            put16(bytes + count, value);
-            count += 2;
+    if (per_position == 2) {
+        for (int i = 0; i < kGranuleSamples; ++i) {
+            put16(bytes + 4 * i, static_cast<uint16_t>(samples[0][i]));
+            put16(bytes + 4 * i + 2, static_cast<uint16_t>(samples[1][i]));
+        }
+    } else {
+        for (int i = 0; i < kGranuleSamples; ++i) {
+            put16(bytes + 2 * i, static_cast<uint16_t>(samples[0][i]));
         }
     }
-    std::fwrite(bytes, 1, count, files.output);
+    std::fwrite(bytes, 1, static_cast<size_t>(2 * per_position * kGranuleSamples), files.output);
 }
 
 void print_decode_statistics(int64_t frame_counter, int32_t granules, int32_t pcm_rate,
