@@ -62,17 +62,30 @@ int16_t pcm_sample16(double x) {
     return static_cast<int16_t>(static_cast<int32_t>(v));
 }
 
-// Both roundings are computed and one is selected (v - 0.5 and v + -0.5 are the same sum), and
-// each clip is a select on the same comparison pcm_sample16 makes, so NaN still ends at -32768.
+// Four samples at a time: both roundings are computed and one is selected (v - 0.5 and
+// v + -0.5 are the same sum), and each clip is a select on the same comparison pcm_sample16
+// makes, so NaN still ends at -32768. A tail shorter than four goes through pcm_sample16.
 KAVO_VECTOR_CLONES
 void pcm_samples16(const double* x, int16_t* out, int count) {
-    for (int i = 0; i < count; ++i) {
-        const double v = x[i] * 32768.0;
-        double r = x[i] > 0 ? v + 0.5 : v - 0.5;
-        r = r >= 32768.0 ? 32767.0 : r;
-        r = r > -32769.0 ? r : -32768.0;
-        out[i] = static_cast<int16_t>(static_cast<int32_t>(r));
+    typedef int Int4 __attribute__((vector_size(16)));
+    const Double4 half = {0.5, 0.5, 0.5, 0.5};
+    const Double4 top = {32768.0, 32768.0, 32768.0, 32768.0};
+    const Double4 top_value = {32767.0, 32767.0, 32767.0, 32767.0};
+    const Double4 bottom = {-32769.0, -32769.0, -32769.0, -32769.0};
+    const Double4 bottom_value = {-32768.0, -32768.0, -32768.0, -32768.0};
+    const Double4 zero = {0.0, 0.0, 0.0, 0.0};
+    int i = 0;
+    for (; i + 4 <= count; i += 4) {
+        Double4 in;
+        std::memcpy(&in, x + i, sizeof in);
+        const Double4 v = in * top;
+        Double4 r = in > zero ? v + half : v - half;
+        r = r >= top ? top_value : r;
+        r = r > bottom ? r : bottom_value;
+        const Int4 whole = __builtin_convertvector(r, Int4);
+        for (int k = 0; k < 4; ++k) out[i + k] = static_cast<int16_t>(whole[k]);
     }
+    for (; i < count; ++i) out[i] = pcm_sample16(x[i]);
 }
 
 uint32_t pcm_sample24(double x) {
