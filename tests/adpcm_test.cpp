@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdint>
@@ -335,6 +336,27 @@ TEST_P(AdpcmRanges, MatchesTheStepsInTheirWrittenOrder) {
     const Samples& in = GetParam().input;
     for (size_t i = 0; i < in.size(); ++i) {
         ASSERT_EQ(adpcm_encode_sample(st, in[i]), plain.encode(in[i])) << "sample " << i;
+        ASSERT_EQ(st.sr1, plain.sr1);
+        ASSERT_EQ(st.a1, plain.a1);
+        ASSERT_EQ(st.a2, plain.a2);
+        ASSERT_EQ(st.yl, plain.yl);
+    }
+}
+
+// Blocks of the output stage's size (and a ragged last one) give the plain coder's codes and
+// leave the state where it leaves it.
+TEST_P(AdpcmRanges, BlocksMatchTheStepsInTheirWrittenOrder) {
+    AdpcmState st;
+    adpcm_init(st);
+    PlainCoder plain;
+    const Samples& in = GetParam().input;
+    for (size_t at = 0; at < in.size(); at += 160) {
+        const size_t n = std::min<size_t>(160, in.size() - at);
+        uint8_t codes[160];
+        adpcm_encode_block(st, in.data() + at, static_cast<int>(n), codes);
+        for (size_t i = 0; i < n; ++i) {
+            ASSERT_EQ(codes[i], plain.encode(in[at + i])) << "sample " << at + i;
+        }
         ASSERT_EQ(st.sr1, plain.sr1);
         ASSERT_EQ(st.a1, plain.a1);
         ASSERT_EQ(st.a2, plain.a2);

@@ -492,3 +492,41 @@ TEST(CodecCommandDeathTest, ReservedCommandsEndTheProcessWithTheirMessage) {
             testing::ExitedWithCode(1), message);
     }
 }
+
+// Runs of every length, across the buffer's end and longer than the buffer, land byte for
+// byte where one read per byte would put them; a read cut short by the end of the input keeps
+// and counts the bytes that did arrive, says "All Done !" and reports the end.
+TEST(ReadInputBytes, RunsWrapAndStopAtTheEndLikeSingleBytes) {
+    TempDir dir;
+    std::vector<uint8_t> data(10000);
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>((i * 7919u) >> 3);
+    const std::string path = dir.path() + "/in.bin";
+    kavotest::write_file(path, std::string(data.begin(), data.end()));
+    FILE* input = std::fopen(path.c_str(), "rb");
+    ASSERT_NE(input, nullptr);
+    auto state = std::make_unique<FrameState>();
+    state->fill_position = 1900;
+    std::vector<uint8_t> model(kStreamBufferSize, 0);
+    size_t position = 1900;
+    size_t taken = 0;
+    const int runs[] = {0, 1, 4, 15, 1919, 1920, 2500, 3, 1000, 2637};
+    for (const int run : runs) {
+        ASSERT_EQ(read_input_bytes(*state, input, run), 0) << run;
+        for (int i = 0; i < run; ++i) {
+            model[position] = data[taken++];
+            position = (position + 1) % kStreamBufferSize;
+        }
+        ASSERT_EQ(state->fill_position, static_cast<int32_t>(position));
+        ASSERT_EQ(state->bytes_read, static_cast<int64_t>(taken));
+        ASSERT_EQ(0, std::memcmp(state->stream.bytes, model.data(), model.size())) << run;
+    }
+    ASSERT_EQ(taken, 9999u);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(read_input_bytes(*state, input, 5), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "\n\nAll Done !");
+    model[position] = data[9999];
+    EXPECT_EQ(state->fill_position, static_cast<int32_t>((position + 1) % kStreamBufferSize));
+    EXPECT_EQ(state->bytes_read, 10000);
+    EXPECT_EQ(0, std::memcmp(state->stream.bytes, model.data(), model.size()));
+    std::fclose(input);
+}

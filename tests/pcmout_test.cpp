@@ -36,6 +36,36 @@ TEST(PcmSample, SixteenBitRoundingAndClipping) {
     for (const auto& [x, expected] : cases) EXPECT_EQ(pcm_sample16(x), expected) << x;
 }
 
+// The block conversion against the per-sample one: the edge values above, every half step
+// around the clipping points, and random values of all magnitudes and signs.
+TEST(PcmSample, BlockConversionEqualsThePerSampleOne) {
+    std::vector<double> x = {0.0,
+                             -0.0,
+                             1.0,
+                             -1.0,
+                             std::numeric_limits<double>::infinity(),
+                             -std::numeric_limits<double>::infinity(),
+                             std::numeric_limits<double>::quiet_NaN(),
+                             std::numeric_limits<double>::denorm_min(),
+                             -std::numeric_limits<double>::denorm_min(),
+                             1e300,
+                             -1e300};
+    for (double v = -32770.0; v <= 32770.0; v += 0.25) x.push_back(v / 32768.0);
+    for (double v = -3.0; v <= 3.0; v += 0.125) {
+        x.push_back(std::nextafter(v / 32768.0, 1.0));
+        x.push_back(std::nextafter(v / 32768.0, -1.0));
+    }
+    uint64_t seed = 12345;
+    for (int i = 0; i < 20000; ++i) {
+        seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+        const double unit = static_cast<double>(seed >> 11) / 9007199254740992.0;
+        x.push_back((unit * 2.0 - 1.0) * std::ldexp(1.0, static_cast<int>(seed % 8) - 6));
+    }
+    std::vector<int16_t> block(x.size());
+    pcm_samples16(x.data(), block.data(), static_cast<int>(x.size()));
+    for (size_t i = 0; i < x.size(); ++i) ASSERT_EQ(block[i], pcm_sample16(x[i])) << x[i];
+}
+
 TEST(PcmSample, TwentyFourBitTruncationAndTwosComplement) {
     const std::pair<double, uint32_t> cases[] = {
         {1.0, 0x7FFFFF},

@@ -5,6 +5,7 @@ set -euo pipefail
 packages=(
   cmake g++ make binutils                 # build; nm checks the exported symbols
   bc                                      # arithmetic in the benchmark scripts
+  time                                    # /usr/bin/time: peak memory in the benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev                            # argument parsing of the kavo command
   lame twolame sox libsox-fmt-all espeak-ng mpg123 ffmpeg  # fixtures and reference decoders

@@ -130,6 +130,27 @@ inline int16_t adapt(AdpcmState& s, int code, const Estimate& est, int16_t dq) {
     return sr;
 }
 
+// The adaptive quantizer: the log of the difference's magnitude against the scale, then the
+// interval of the Recommendation's table it falls in, counted without branches (codes 1..7 for
+// the intervals from below 80 up; 15 below -124); a negative difference mirrors the code.
+inline int encode_one(AdpcmState& state, int16_t sl) {
+    const Estimate est = estimate(state);
+
+    const int16_t d = wrap16(sl - est.se);
+    const int16_t m = wrap16(d < 0 ? -int32_t{d} : int32_t{d});  // -32768 stays -32768
+    const int32_t e = 14 - norm_shift(m);
+    const int32_t mant = ((m * 128) >> e) & 127;
+    const int16_t dln = wrap16(e * 128 + mant - (est.y >> 2));
+
+    int code = 1 + (dln >= 80) + (dln >= 178) + (dln >= 246) + (dln >= 300) + (dln >= 349) +
+               (dln >= 400);
+    if (d < 0) code = 15 - code;
+    if (dln < -124) code = 15;
+
+    adapt(state, code, est, reconstruct(code, est.y));
+    return code;
+}
+
 }  // namespace
 
 void adpcm_init(AdpcmState& state) {
@@ -146,34 +167,15 @@ int norm_shift(int16_t x) {
 }
 
 int adpcm_encode_sample(AdpcmState& state, int16_t sl) {
-    const Estimate est = estimate(state);
+    return encode_one(state, sl);
+}
 
-    const int16_t d = wrap16(sl - est.se);
-    const int16_t m = wrap16(d < 0 ? -int32_t{d} : int32_t{d});  // -32768 stays -32768
-    const int32_t e = 14 - norm_shift(m);
-    const int32_t mant = ((m * 128) >> e) & 127;
-    const int16_t dln = wrap16(e * 128 + mant - (est.y >> 2));
-
-    int code = 7;
-    if (dln < -124) {
-        code = 15;
-    } else if (dln < 80) {
-        code = 1;
-    } else if (dln < 178) {
-        code = 2;
-    } else if (dln < 246) {
-        code = 3;
-    } else if (dln < 300) {
-        code = 4;
-    } else if (dln < 349) {
-        code = 5;
-    } else if (dln < 400) {
-        code = 6;
-    }
-    if (d < 0 && code != 15) code = 15 - code;
-
-    adapt(state, code, est, reconstruct(code, est.y));
-    return code;
+void adpcm_encode_block(AdpcmState& state, const int16_t* samples, int count, uint8_t* codes) {
+    // The state is worked on in a local copy, which the compiler keeps in registers across
+    // samples, and stored back once.
+    AdpcmState s = state;
+    for (int i = 0; i < count; ++i) codes[i] = static_cast<uint8_t>(encode_one(s, samples[i]));
+    state = s;
 }
 
 int16_t adpcm_decode_code(AdpcmState& state, int code) {

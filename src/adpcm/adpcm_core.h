@@ -33,6 +33,10 @@ void adpcm_init(AdpcmState& state);
 // Encodes one sample; returns the code 1..15 (0 is never produced) and adapts the state.
 int adpcm_encode_sample(AdpcmState& state, int16_t sl);
 
+// Encodes count samples into count codes (one per byte), exactly as count calls of
+// adpcm_encode_sample would.
+void adpcm_encode_block(AdpcmState& state, const int16_t* samples, int count, uint8_t* codes);
+
 // Decodes one code (its low four bits are used); returns the reconstructed sample, which is
 // the sample the encoder reconstructed for the same code, and adapts the state.
 int16_t adpcm_decode_code(AdpcmState& state, int code);

@@ -106,13 +106,11 @@ void adpcm_encode_file(const char* inPath, const char* outPath, float gain,
         }
         apply_gain(frame, kAdpcmFrameSamples, gain);
         // Word j = c0 | c1 << 4 | c2 << 8 | c3 << 12, written low byte first.
+        uint8_t codes[kAdpcmFrameSamples];
+        adpcm_encode_block(state, frame, kAdpcmFrameSamples, codes);
         for (int j = 0; j < kAdpcmFrameWords; ++j) {
-            const int c0 = adpcm_encode_sample(state, frame[4 * j]);
-            const int c1 = adpcm_encode_sample(state, frame[4 * j + 1]);
-            const int c2 = adpcm_encode_sample(state, frame[4 * j + 2]);
-            const int c3 = adpcm_encode_sample(state, frame[4 * j + 3]);
-            packed[2 * j] = static_cast<unsigned char>(c0 | c1 << 4);
-            packed[2 * j + 1] = static_cast<unsigned char>(c2 | c3 << 4);
+            packed[2 * j] = static_cast<unsigned char>(codes[4 * j] | codes[4 * j + 1] << 4);
+            packed[2 * j + 1] = static_cast<unsigned char>(codes[4 * j + 2] | codes[4 * j + 3] << 4);
         }
         std::fwrite(packed, 1, sizeof packed, out);
 

@@ -4,6 +4,7 @@
 // header. The frame's bytes stay in the circular buffer for the Layer III bit reservoir.
 #include "frame/frame_sync.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "platform/report_message.h"
@@ -105,19 +106,26 @@ void print_header_lines(const FrameHeader& header, int32_t pcm_rate) {
     std::fprintf(stderr, "[emphasis] %s\n\n", kEmphasisNames[word2 & 3u]);
 }
 
+// Byte by byte in effect: the bytes go to the buffer in order, wrapping at its end, and on a
+// short read those that did arrive stay counted, exactly as one getc per byte would leave them.
+// The reads are done a run at a time, up to the buffer's end, from the stream's own buffer.
 int read_input_bytes(FrameState& state, FILE* input, int n) {
     if (n < 1) return 0;
-    for (int i = 0; i < n; ++i) {
-        const int byte = std::getc(input);
-        if (byte == EOF) {
+    int remaining = n;
+    while (remaining > 0) {
+        const int run = std::min(remaining, kStreamBufferSize - state.fill_position);
+        const size_t got = std::fread(state.stream.bytes + state.fill_position, 1,
+                                      static_cast<size_t>(run), input);
+        const auto got_count = static_cast<int32_t>(got);
+        state.fill_position += got_count;
+        if (state.fill_position == kStreamBufferSize) state.fill_position = 0;
+        state.bytes_read += got_count;
+        remaining -= got_count;
+        if (got_count < run) {
             if (std::feof(input) != 0) std::fputs("\n\nAll Done !", stderr);
             if (std::ferror(input) != 0) std::fputs("\n\nFile read error !", stderr);
             return 1;
         }
-        state.stream.bytes[state.fill_position] = static_cast<uint8_t>(byte);
-        state.fill_position =
-            state.fill_position == kStreamBufferSize - 1 ? 0 : state.fill_position + 1;
-        ++state.bytes_read;
     }
     return 0;
 }

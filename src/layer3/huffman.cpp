@@ -73,14 +73,86 @@ int32_t clamped_bound(const int32_t* long_bounds, uint32_t band) {
     return long_bounds[std::min<uint32_t>(band, 22u)];
 }
 
-void decode_pairs(BitReader& reader, uint32_t slot, double* out, int32_t begin, int32_t end) {
-    for (int32_t i = begin; i < end; i += 2) {
-        int32_t x = 0;
-        int32_t y = 0;
-        huffman_pair(reader, static_cast<int32_t>(slot), x, y);
-        out[i] = x;
-        out[i + 1] = y;
+// The 64 bits from the cursor, first bit most significant: at least 57 of them are the
+// stream's (the bit offset is at most 7), more than one pair or quadruple ever uses (a 19-bit
+// code word and two 13-bit escapes with their signs make 47).
+inline uint64_t peek64(const BitReader& reader) {
+    const uint8_t* bytes = reader.cursor.buffer;
+    int32_t index = reader.cursor.byte_index;
+    uint64_t acc = 0;
+    if (index <= kStreamBufferSize - 8) {
+        for (int b = 0; b < 8; ++b) acc = (acc << 8) | bytes[index + b];
+    } else {
+        for (int b = 0; b < 8; ++b) {
+            acc = (acc << 8) | bytes[index];
+            index = bitstream_detail::next_index(index);
+        }
     }
+    return acc << reader.cursor.bit_offset;
+}
+
+// The entry of the code word at the top of window (as huffman_lookup finds it).
+inline uint32_t window_entry(uint64_t window, int32_t slot) {
+    const uint32_t entry = kShortCodes.entry[slot][window >> (64 - kShortCodeBits)];
+    if (entry != kNoShortCode) return entry;
+    return huffman_entry_search(slot, static_cast<uint32_t>(window >> (64 - 19)));
+}
+
+// One value of a pair from the window: the escape bits when the value is 15, then the sign.
+inline int32_t window_value(uint64_t& window, int32_t& used, int32_t value, int linbits) {
+    if (value == 15 && linbits != 0) {
+        value += static_cast<int32_t>(window >> (64 - linbits));
+        window <<= linbits;
+        used += linbits;
+    }
+    if (value != 0) {
+        if ((window >> 63) != 0) value = -value;
+        window <<= 1;
+        ++used;
+    }
+    return value;
+}
+}  // namespace
+
+// Pairs with the reader's bits taken 64 at a time: the same code words, escapes and signs in
+// the same order as huffman_pair, and the cursor moved once per pair.
+void huffman_pairs(BitReader& reader, int32_t slot, double* out, int32_t count) {
+    const int linbits = kHuffmanTables[slot].linbits;
+    for (int32_t p = 0; p < count; ++p) {
+        uint64_t window = peek64(reader);
+        const uint32_t entry = window_entry(window, slot);
+        int32_t used = static_cast<int32_t>(entry_length(entry));
+        window <<= used;
+        const int32_t x = window_value(window, used, static_cast<int32_t>((entry >> 4) & 15u), linbits);
+        const int32_t y = window_value(window, used, static_cast<int32_t>(entry & 15u), linbits);
+        bitunp_skip(reader, used);
+        out[2 * p] = x;
+        out[2 * p + 1] = y;
+    }
+}
+
+// One quadruple as huffman_quad decodes it, from one 64-bit window.
+int32_t huffman_quad_fast(BitReader& reader, int32_t slot, int32_t values[4]) {
+    uint64_t window = peek64(reader);
+    const uint32_t entry = window_entry(window, slot);
+    int32_t used = static_cast<int32_t>(entry_length(entry));
+    window <<= used;
+    for (int32_t i = 0; i < 4; ++i) {
+        int32_t v = static_cast<int32_t>((entry >> (3 - i)) & 1u);
+        if (v != 0) {
+            if ((window >> 63) != 0) v = -v;
+            window <<= 1;
+            ++used;
+        }
+        values[i] = v;
+    }
+    bitunp_skip(reader, used);
+    return used;
+}
+
+namespace {
+void decode_pairs(BitReader& reader, uint32_t slot, double* out, int32_t begin, int32_t end) {
+    huffman_pairs(reader, static_cast<int32_t>(slot), out + begin, (end - begin + 1) / 2);
 }
 
 void find_intensity_bound(Layer3State& state, const GranuleInfo& gi) {
@@ -224,7 +296,7 @@ void huffman_decode(Layer3State& state, BitReader& reader, int32_t granule, int3
     const int32_t quad_slot = 32 + static_cast<int32_t>(gi.count1table_select & 1u);
     while (used < length && i < kGranuleLines) {
         int32_t values[4];
-        used += huffman_quad(reader, quad_slot, values);
+        used += huffman_quad_fast(reader, quad_slot, values);
         for (int32_t j = 0; j < 4 && i + j < kGranuleLines; ++j) out[i + j] = values[j];
         i += 4;
     }

@@ -29,6 +29,10 @@ uint32_t huffman_entry_search(int32_t slot, uint32_t w);
 void huffman_pair(BitReader& reader, int32_t slot, int32_t& x, int32_t& y);
 // Writes v, w, x, y to values; returns the bits consumed (code word and sign bits).
 int32_t huffman_quad(BitReader& reader, int32_t slot, int32_t values[4]);
+// count pairs of the slot written to out as 2 * count values, and one quadruple: the same
+// values, bits and cursor as huffman_pair and huffman_quad, with the bits read 64 at a time.
+void huffman_pairs(BitReader& reader, int32_t slot, double* out, int32_t count);
+int32_t huffman_quad_fast(BitReader& reader, int32_t slot, int32_t values[4]);
 void huffman_decode(Layer3State& state, BitReader& reader, int32_t granule, int32_t channel);
 
 double signed_pow43(const Layer3State& state, double value);

@@ -30,8 +30,24 @@ inline double signed_pow43_of(const double* table, double value) {
     return n >= 0 ? pow43_of(table, n) : -pow43_of(table, -n);
 }
 
+// The lines of one band: the power of the magnitude times the gain, and the sign put back
+// afterwards by flipping the sign bit. Negating before or after the product gives the same
+// bits (the rounding is symmetric), and this way the loop has no branch on the sign, which
+// real spectra make unpredictable. A magnitude beyond the table is rare and takes the slow path.
 void scale_run(const double* table, double* values, int32_t count, double gain) {
-    for (int32_t i = 0; i < count; ++i) values[i] = signed_pow43_of(table, values[i]) * gain;
+    for (int32_t i = 0; i < count; ++i) {
+        const auto n = static_cast<int32_t>(values[i]);
+        const int32_t magnitude = n < 0 ? -n : n;
+        if (magnitude >= kPow43Size) {
+            values[i] = signed_pow43_of(table, values[i]) * gain;
+            continue;
+        }
+        uint64_t bits = 0;
+        const double scaled = table[magnitude] * gain;
+        std::memcpy(&bits, &scaled, sizeof bits);
+        bits ^= static_cast<uint64_t>(n < 0) << 63;
+        std::memcpy(&values[i], &bits, sizeof bits);
+    }
 }
 
 // One past the last line whose value is not +0.0 (bit for bit). Those lines would become

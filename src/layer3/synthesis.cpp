@@ -162,7 +162,7 @@ constexpr std::array<int8_t, 64> make_extended_order() {
 constexpr std::array<int8_t, 64> kExtendedOrder = make_extended_order();
 
 // The matrixing of synthesize_slot, operation for operation, with the index arithmetic done at
-// compile time. T is double for one slot, or Double4 for four slots at once (one per lane).
+// compile time, written for any element type; T is Double4 here: four slots at once, one per lane.
 template <typename T>
 __attribute__((always_inline)) inline void matrix_core(const T* slot, T* r) {
     for (int i = 0; i < 16; ++i) {
@@ -208,14 +208,6 @@ __attribute__((always_inline)) inline void matrix_core(const T* slot, T* r) {
     for (const RecombineStep& step : kRecombine) {
         r[step.index] = 2.0 * r[step.index] - r[step.previous];
     }
-}
-
-// One slot, written in the extended form of SynthesisRing.
-void matrix_extended(const double* slot, double* e) {
-    double r[32];
-    matrix_core(slot, r);
-#pragma GCC unroll 64
-    for (int k = 0; k < 64; ++k) e[k] = r[kExtendedOrder[static_cast<size_t>(k)]];
 }
 
 // Rows a, b, c, d (four doubles each) become columns, in place.
@@ -300,24 +292,37 @@ KAVO_VECTOR_CLONES void window_slot(const double* newest, double* out) {
         std::memcpy(out + 4 * b, &doubled, sizeof doubled);
     }
 }
+// A slot copied to one or two places, 32 bytes at a time (a string copy costs more to start
+// than these 512 bytes take).
+inline void copy_slot_twice(const double* from, double* to, double* also) {
+#pragma GCC unroll 16
+    for (int k = 0; k < 64; k += 4) {
+        Double4 v;
+        std::memcpy(&v, from + k, sizeof v);
+        std::memcpy(to + k, &v, sizeof v);
+        std::memcpy(also + k, &v, sizeof v);
+    }
+}
 }  // namespace
 
 void synthesize_granule(Layer3State& state, int32_t channel, double* out) {
     SynthesisRing& ring = state.synthesis[channel];
     int32_t newest = ring.newest & 15;
-    // Slots 0 to 15 are matrixed four at a time (the ring holds only the last 16 slots, so
-    // the four wait in a buffer), slots 16 and 17 one by one.
+    // Slots are matrixed four at a time (the ring holds only the last 16 slots, so the four
+    // wait in a buffer).
     alignas(64) double batch[4][64];
     for (int32_t t = 0; t < 18; ++t) {
         newest = (newest + 15) & 15;
         double* e = ring.slots[newest];
-        if (t < 16) {
-            if (t % 4 == 0) matrix_four_slots(state.spectrum + 32 * t, batch);
-            std::memcpy(e, batch[t % 4], sizeof ring.slots[0]);
-        } else {
-            matrix_extended(state.spectrum + 32 * t, e);
+        if (t == 16) {
+            // The last two slots go through the four-lane form too, with two silent lanes.
+            alignas(64) double last[4 * 32] = {};
+            std::memcpy(last, state.spectrum + 32 * 16, sizeof(double) * 64);
+            matrix_four_slots(last, batch);
+        } else if (t % 4 == 0) {
+            matrix_four_slots(state.spectrum + 32 * t, batch);
         }
-        std::memcpy(ring.slots[newest + 16], e, sizeof ring.slots[0]);
+        copy_slot_twice(batch[t % 4], e, ring.slots[newest + 16]);
         window_slot(e, out + 32 * t);
     }
     ring.newest = newest;

@@ -11,6 +11,10 @@ namespace kavolib {
 
 namespace {
 FILE* g_streams[kMaxStreams] = {};
+// Each slot's stream buffer: the stages move whole files through these streams, and blocks of
+// this size keep the number of system calls small. Only the slots in use are ever touched.
+constexpr size_t kStreamBufferBytes = size_t{1} << 16;
+alignas(64) char g_stream_buffers[kMaxStreams][kStreamBufferBytes];
 EndProcessHook g_end_hook = nullptr;
 }  // namespace
 
@@ -24,6 +28,9 @@ FILE* open_stream(const char* name, const char* mode) {
     }
     if (slot < 0) return nullptr;
     FILE* stream = std::fopen(name, mode);
+    if (stream != nullptr) {
+        std::setvbuf(stream, g_stream_buffers[slot], _IOFBF, kStreamBufferBytes);
+    }
     g_streams[slot] = stream;
     return stream;
 }

@@ -139,6 +139,62 @@ TEST(FastHuffman, LookupFindsTheEntryTheSearchFinds) {
     }
 }
 
+// Pairs and quadruples read 64 bits at a time against huffman_pair and huffman_quad: random
+// streams (escapes and long code words included) decoded from every bit offset and from near
+// the buffer's end, so that the window wraps; values and cursor after every step must agree.
+TEST(FastHuffman, PairsAndQuadruplesMatchTheOneCodeWordForm) {
+    StreamBuffer stream{};
+    std::mt19937 rng(77);
+    std::uniform_int_distribution<int> byte(0, 255);
+    std::uniform_int_distribution<int32_t> start(0, kStreamBufferSize - 1);
+    for (int round = 0; round < 200; ++round) {
+        for (uint8_t& b : stream.bytes) b = static_cast<uint8_t>(byte(rng));
+        const int32_t first = round % 4 == 0 ? kStreamBufferSize - 1 - round % 9 : start(rng);
+        for (int32_t slot = 0; slot < kHuffmanSlots; ++slot) {
+            BitReader plain{{stream.bytes, round % 8, first}, 0};
+            BitReader fast = plain;
+            const bool quads = slot >= 32;
+            for (int step = 0; step < 40; ++step) {
+                if (quads) {
+                    int32_t expected[4];
+                    int32_t got[4];
+                    const int32_t bits = huffman_quad(plain, slot, expected);
+                    ASSERT_EQ(huffman_quad_fast(fast, slot, got), bits);
+                    ASSERT_EQ(0, std::memcmp(expected, got, sizeof got)) << slot;
+                } else {
+                    int32_t x = 0;
+                    int32_t y = 0;
+                    huffman_pair(plain, slot, x, y);
+                    double got[2];
+                    huffman_pairs(fast, slot, got, 1);
+                    ASSERT_EQ(got[0], x) << "slot " << slot << " step " << step;
+                    ASSERT_EQ(got[1], y) << "slot " << slot << " step " << step;
+                }
+                ASSERT_EQ(fast.cursor.byte_index, plain.cursor.byte_index);
+                ASSERT_EQ(fast.cursor.bit_offset, plain.cursor.bit_offset);
+            }
+            if (!quads) {
+                // Many pairs in one call end where as many single pairs end.
+                BitReader single{{stream.bytes, 3, first}, 0};
+                BitReader many = single;
+                double values[64];
+                double expected[64];
+                huffman_pairs(many, slot, values, 32);
+                for (int p = 0; p < 32; ++p) {
+                    int32_t x = 0;
+                    int32_t y = 0;
+                    huffman_pair(single, slot, x, y);
+                    expected[2 * p] = x;
+                    expected[2 * p + 1] = y;
+                }
+                ASSERT_TRUE(same_bits(values, expected, 64)) << slot;
+                ASSERT_EQ(many.cursor.byte_index, single.cursor.byte_index);
+                ASSERT_EQ(many.cursor.bit_offset, single.cursor.bit_offset);
+            }
+        }
+    }
+}
+
 // Requantisation of long blocks leaves the zero tail alone; against every line scaled as the
 // plain form does it, with -0.0 and a nonzero last line among the inputs.
 TEST(FastRequantise, LongBlocksMatchEveryLineScaledByBit) {
