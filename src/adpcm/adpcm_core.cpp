@@ -5,6 +5,7 @@
 // sums accumulate modulo 2^32, so no step relies on signed overflow.
 #include "adpcm/adpcm_core.h"
 
+#include <algorithm>
 #include <bit>
 
 #if defined(__SSE2__)
@@ -57,12 +58,16 @@ inline Estimate estimate(const AdpcmState& s) {
 }
 
 // The quantized difference of code I at scale y. With y kept within 544..5120 the exponent
-// (dql >> 7) & 15 is at most 13, so the right shift is always by 1 to 14.
+// (dql >> 7) & 15 is at most 13, so the right shift is always by 1 to 14. The sign of the
+// code's half is rarely predictable, so the selections are masks rather than branches: a
+// negative dql gives magnitude 0 (its shift count, taken modulo 32, is only kept in range), and
+// codes 8..15 negate.
 inline int16_t reconstruct(int code, int16_t y) {
     const int16_t dql = wrap16(kDqln[code] + (y >> 2));
-    int32_t dqmag = 0;
-    if (dql >= 0) dqmag = ((128 + (dql & 127)) * 128) >> (14 - ((dql >> 7) & 15));
-    return wrap16(code >= 8 ? -dqmag : dqmag);
+    const int32_t shift = (14 - ((dql >> 7) & 15)) & 31;
+    const int32_t dqmag = (((128 + (dql & 127)) * 128) >> shift) & ~(int32_t{dql} >> 15);
+    const int32_t negate = -(code >> 3);
+    return wrap16((dqmag ^ negate) - negate);
 }
 
 inline int16_t clamp16(int16_t v, int16_t lo, int16_t hi) {
@@ -83,8 +88,9 @@ inline bool adapt_scalars(AdpcmState& s, int code, const Estimate& est, int16_t 
     const int32_t ylfrac = (s.yl >> 10) & 31;
     const int16_t thr = ylint > 9 ? int16_t{31744} : wrap16((ylfrac + 32) << ylint);
     const int16_t dqthr = wrap16((thr + (thr >> 1)) >> 1);
-    const int32_t dqabs = dq < 0 ? -int32_t{dq} : int32_t{dq};
-    const bool tr = dqabs > dqthr && s.td == 1;
+    const int32_t dqsign = int32_t{dq} >> 15;
+    const int32_t dqabs = (dq ^ dqsign) - dqsign;
+    const bool tr = (dqabs > dqthr) & (s.td == 1);
 
     // Fast, then slow scale factor.
     s.yu = clamp16(wrap16(y + kWi[code] - (y >> 5)), 544, 5120);
@@ -102,12 +108,10 @@ inline bool adapt_scalars(AdpcmState& s, int code, const Estimate& est, int16_t 
 
     // First pole, limited by the new second pole.
     const int32_t g = p0 ? 0 : pk0 != s.pk1 ? -192 : 192;
-    int16_t a1t = wrap16(s.a1 - (s.a1 >> 8) + g);
-    if (a1t < a2t - 15360) {
-        a1t = wrap16(a2t - 15360);
-    } else if (a1t >= 15360 - a2t) {
-        a1t = wrap16(15360 - a2t);
-    }
+    // With a2t within +-12288 the lower limit a2t - 15360 is below the upper 15360 - a2t, so
+    // the two tests are a clamp.
+    const int32_t a1u = wrap16(s.a1 - (s.a1 >> 8) + g);
+    const int16_t a1t = wrap16(std::min(std::max(a1u, a2t - 15360), 15360 - int32_t{a2t}));
     s.a2 = tr ? int16_t{0} : a2t;
     s.a1 = tr ? int16_t{0} : a1t;
 
@@ -122,7 +126,7 @@ inline bool adapt_scalars(AdpcmState& s, int code, const Estimate& est, int16_t 
     s.dml = wrap16(s.dml + ((kFi[code] * 2048 - s.dml) >> 7));
 
     const int32_t spread = 4 * s.dms - s.dml;
-    const bool ax = y < 1536 || wrap16(spread < 0 ? -spread : spread) >= (s.dml >> 3) || tdp;
+    const bool ax = (y < 1536) | (wrap16(spread < 0 ? -spread : spread) >= (s.dml >> 3)) | tdp;
     s.ap = tr ? int16_t{256} : wrap16(s.ap + (((ax ? 512 : 0) - s.ap) >> 4));
     return tr;
 }
@@ -150,14 +154,22 @@ inline int16_t adapt(AdpcmState& s, int code, const Estimate& est, int16_t dq) {
 inline int quantize(int16_t sl, const Estimate& est) {
     const int16_t d = wrap16(sl - est.se);
     const int16_t m = wrap16(d < 0 ? -int32_t{d} : int32_t{d});  // -32768 stays -32768
-    const int32_t e = 14 - norm_shift(m);
+    // 14 - norm_shift(m): the top bit's position, 0 for 0, and 14 for -32768 (seen as 32768).
+    const int32_t e =
+        std::min(31 - std::countl_zero(static_cast<uint32_t>(static_cast<uint16_t>(m)) | 1u), 14);
     const int32_t mant = ((m * 128) >> e) & 127;
     const int16_t dln = wrap16(e * 128 + mant - (est.y >> 2));
 
-    int code = 1 + (dln >= 80) + (dln >= 178) + (dln >= 246) + (dln >= 300) + (dln >= 349) +
-               (dln >= 400);
-    if (d < 0) code = 15 - code;
-    if (dln < -124) code = 15;
+    // The sign bit of threshold - 1 - dln is set when dln reaches the threshold; counted as
+    // arithmetic so that no comparison becomes a branch.
+    const auto reaches = [dln](int32_t threshold) {
+        return static_cast<int>(static_cast<uint32_t>(threshold - 1 - dln) >> 31);
+    };
+    int code =
+        1 + reaches(80) + reaches(178) + reaches(246) + reaches(300) + reaches(349) + reaches(400);
+    code ^= (int32_t{d} >> 15) & 15;          // 15 - code for a negative difference
+    const int32_t below = (dln + 124) >> 31;  // all ones when dln < -124: code 15
+    code = (code & ~below) | (15 & below);
     return code;
 }
 
@@ -178,8 +190,8 @@ inline int encode_one(AdpcmState& state, int16_t sl) {
 void encode_block_vector(AdpcmState& state, const int16_t* samples, int count, uint8_t* codes) {
     AdpcmState s = state;
     __m128i coef = _mm_setr_epi16(s.b[0], s.b[1], s.b[2], s.b[3], s.b[4], s.b[5], s.a1, s.a2);
-    __m128i hist = _mm_setr_epi16(s.dq[0], s.dq[1], s.dq[2], s.dq[3], s.dq[4], s.dq[5], s.sr1,
-                                  s.sr2);
+    __m128i hist =
+        _mm_setr_epi16(s.dq[0], s.dq[1], s.dq[2], s.dq[3], s.dq[4], s.dq[5], s.sr1, s.sr2);
     const __m128i step = _mm_set1_epi16(128);
     const __m128i flip = _mm_set1_epi16(static_cast<int16_t>(0xFF00));
     for (int i = 0; i < count; ++i) {
@@ -188,7 +200,8 @@ void encode_block_vector(AdpcmState& state, const int16_t* samples, int count, u
         const __m128i halves = _mm_add_epi32(pairs, _mm_shuffle_epi32(pairs, 0x4E));
         const uint32_t all = static_cast<uint32_t>(
             _mm_cvtsi128_si32(_mm_add_epi32(halves, _mm_shuffle_epi32(halves, 0xB1))));
-        const uint32_t poles = static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_shuffle_epi32(pairs, 3)));
+        const uint32_t poles =
+            static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_shuffle_epi32(pairs, 3)));
         Estimate est{};
         est.sez = wrap16(static_cast<int32_t>(all - poles) >> 14);
         est.se = wrap16(static_cast<int32_t>(all) >> 14);
@@ -200,9 +213,10 @@ void encode_block_vector(AdpcmState& state, const int16_t* samples, int count, u
         const bool tr = adapt_scalars(s, code, est, dq);
 
         // h = 0 when dq is 0, else -128 where the sign of dqk differs from dq's, 128 elsewhere.
-        const __m128i differs = _mm_xor_si128(_mm_srai_epi16(hist, 15), _mm_set1_epi16(dq < 0 ? -1 : 0));
+        const __m128i differs =
+            _mm_xor_si128(_mm_srai_epi16(hist, 15), _mm_set1_epi16(static_cast<int16_t>(dq >> 15)));
         __m128i h = _mm_xor_si128(step, _mm_and_si128(differs, flip));
-        h = _mm_and_si128(h, _mm_set1_epi16(dq != 0 ? -1 : 0));
+        h = _mm_andnot_si128(_mm_cmpeq_epi16(_mm_set1_epi16(dq), _mm_setzero_si128()), h);
         __m128i zeros = _mm_add_epi16(_mm_sub_epi16(coef, _mm_srai_epi16(coef, 8)), h);
         zeros = _mm_andnot_si128(_mm_set1_epi16(tr ? -1 : 0), zeros);
         coef = _mm_insert_epi16(_mm_insert_epi16(zeros, s.a1, 6), s.a2, 7);
