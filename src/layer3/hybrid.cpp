@@ -16,11 +16,12 @@ namespace kavolib {
 namespace {
 // The transform's kernels are written once over the value type T: double for one subband, or
 // Double4 for four subbands at once (one per lane). Each lane then performs exactly the scalar
-// operations in the same order, so both forms give the same bits.
+// operations in the same order, so both forms give the same bits. Each is inlined where it is
+// used, so that the four-lane form is built for the vector unit its caller was built for.
 
 // a * e^{i theta} given cos and sin of theta, in place.
 template <class T>
-inline void rotate(T& re, T& im, double c, double s) {
+__attribute__((always_inline)) inline void rotate(T& re, T& im, double c, double s) {
     const T r = re;
     const T i = im;
     re = r * c - i * s;
@@ -29,7 +30,7 @@ inline void rotate(T& re, T& im, double c, double s) {
 
 // The 3-point transform of (re[a], im[a]), (re[b], im[b]), (re[c], im[c]), in place.
 template <class T>
-inline void butterfly3(T* re, T* im, int a, int b, int c) {
+__attribute__((always_inline)) inline void butterfly3(T* re, T* im, int a, int b, int c) {
     const double c3 = DftConstants[0];
     const double s3 = DftConstants[4];
     const T u0r = re[a];
@@ -50,7 +51,7 @@ inline void butterfly3(T* re, T* im, int a, int b, int c) {
 }
 
 template <class T>
-inline void swap_points(T* re, T* im, int a, int b) {
+__attribute__((always_inline)) inline void swap_points(T* re, T* im, int a, int b) {
     const T r = re[a];
     const T i = im[a];
     re[a] = re[b];
@@ -60,8 +61,9 @@ inline void swap_points(T* re, T* im, int a, int b) {
 }
 
 template <class T>
-inline void pre_twiddle_of(const T* input, const double* cosines, const double* sines, T* re, T* im,
-                           int32_t m) {
+__attribute__((always_inline)) inline void pre_twiddle_of(const T* input, const double* cosines,
+                                                          const double* sines, T* re, T* im,
+                                                          int32_t m) {
     const int32_t last = 2 * m - 1;
     for (int32_t k = 0; k < m; ++k) {
         const T a = input[2 * k];
@@ -72,7 +74,7 @@ inline void pre_twiddle_of(const T* input, const double* cosines, const double* 
 }
 
 template <class T>
-inline void dft9_of(T* re, T* im) {
+__attribute__((always_inline)) inline void dft9_of(T* re, T* im) {
     for (int k = 0; k < 3; ++k) butterfly3(re, im, k, k + 3, k + 6);
     // After the first pass, position k + 3j holds output j of column k; these four need the
     // twiddle e^{+2 pi i kj / 9}.
@@ -93,13 +95,14 @@ inline void dft9_of(T* re, T* im) {
 }
 
 template <class T>
-inline void post_twiddle_of(T* re, T* im, const double* cosines, const double* sines, int32_t m) {
+__attribute__((always_inline)) inline void post_twiddle_of(T* re, T* im, const double* cosines,
+                                                           const double* sines, int32_t m) {
     for (int32_t k = 0; k < m; ++k) rotate(re[k], im[k], cosines[k], sines[k]);
 }
 
 // The 36-point IMDCT's halves: A[m] = x[2m], B[m] = x[18 + 2m].
 template <class T>
-inline void long_transform(const T* input, T* a_half, T* b_half) {
+__attribute__((always_inline)) inline void long_transform(const T* input, T* a_half, T* b_half) {
     T re[9];
     T im[9];
     pre_twiddle_of(input, LongPreCos, LongPreSin, re, im, 9);
@@ -113,7 +116,8 @@ inline void long_transform(const T* input, T* a_half, T* b_half) {
 
 // One window of the 12-point IMDCT: A[m] = x_w[2m], B[m] = x_w[6 + 2m].
 template <class T>
-inline void short_transform(const T* input, int w, T* a_half, T* b_half) {
+__attribute__((always_inline)) inline void short_transform(const T* input, int w, T* a_half,
+                                                           T* b_half) {
     T x[6];
     for (int k = 0; k < 6; ++k) x[k] = input[w + 3 * k];
     T re[3];
@@ -131,8 +135,9 @@ inline void short_transform(const T* input, int w, T* a_half, T* b_half) {
 // block type and added to the previous granule's second half, windowed by its own block type,
 // into y[0..17]; o (the 9 unwindowed values kept per subband) is read, then replaced.
 template <class T>
-inline void imdct_window_overlap(const T* input, T* o, T* y, uint32_t block_type,
-                                 uint32_t previous_block_type) {
+__attribute__((always_inline)) inline void imdct_window_overlap(const T* input, T* o, T* y,
+                                                                uint32_t block_type,
+                                                                uint32_t previous_block_type) {
     // The previous granule's second half, windowed by its own block type.
     if (previous_block_type != 2) {
         T p[18];
