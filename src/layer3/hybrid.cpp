@@ -273,10 +273,12 @@ KAVO_VECTOR_CLONES void imdct_four_subbands(const double* input, double (*overla
                                             uint32_t previous_block_type) {
     Double4 o[9];
     for (int m = 0; m < 9; ++m) std::memcpy(&o[m], overlap[m] + s0, sizeof o[m]);
-    // The four subbands' 18 values, lane by lane.
+    // The four subbands' 18 values, lane by lane: blocks of four values of each subband
+    // transposed, the last block overlapping the one before it (14..17).
     Double4 in[18];
-    for (int k = 0; k < 18; ++k) {
-        in[k] = Double4{input[k], input[18 + k], input[36 + k], input[54 + k]};
+    for (int k : {0, 4, 8, 12, 14}) {
+        for (int l = 0; l < 4; ++l) std::memcpy(&in[k + l], input + 18 * l + k, sizeof in[0]);
+        transpose4(in[k], in[k + 1], in[k + 2], in[k + 3]);
     }
     Double4 y[18];
     imdct_window_overlap(in, o, y, block_type, previous_block_type);
