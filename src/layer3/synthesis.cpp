@@ -211,19 +211,24 @@ __attribute__((always_inline)) inline void matrix_core(const T* slot, T* r) {
 }
 
 // Four consecutive slots (32 values apart in slots) matrixed at once; slot l's extended form
-// goes to e[l].
+// goes to e[l]. The loops are unrolled so that the order table is read at compile time.
 KAVO_VECTOR_CLONES void matrix_four_slots(const double* slots, double (*e)[64]) {
     Double4 in[32];
+#pragma GCC unroll 8
     for (int n = 0; n < 32; n += 4) {
+#pragma GCC unroll 4
         for (int l = 0; l < 4; ++l) std::memcpy(&in[n + l], slots + 32 * l + n, sizeof in[0]);
         transpose4(in[n], in[n + 1], in[n + 2], in[n + 3]);
     }
     Double4 r[32];
     matrix_core(in, r);
+#pragma GCC unroll 16
     for (int k = 0; k < 64; k += 4) {
         Double4 v[4];
+#pragma GCC unroll 4
         for (int i = 0; i < 4; ++i) v[i] = r[kExtendedOrder[static_cast<size_t>(k + i)]];
         transpose4(v[0], v[1], v[2], v[3]);
+#pragma GCC unroll 4
         for (int l = 0; l < 4; ++l) std::memcpy(e[l] + k, &v[l], sizeof v[l]);
     }
 }
