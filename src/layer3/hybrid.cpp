@@ -262,20 +262,40 @@ void post_twiddle(double* re, double* im, const double* cosines, const double* s
     post_twiddle_of(re, im, cosines, sines, m);
 }
 
+namespace {
+// The butterflies of one boundary between subbands, four pairs at a time: lanes h..h + 3 take
+// the lower values in reverse (lower[-h] first), so each lane computes the scalar expressions
+// of its pair.
+KAVO_VECTOR_CLONES void antialias_boundaries(double* x, int32_t boundaries) {
+    const Long4 reverse = {3, 2, 1, 0};
+    for (int32_t s = 0; s < boundaries; ++s) {
+        double* lower = x + 18 * s + 17;
+        double* upper = x + 18 * s + 18;
+#pragma GCC unroll 2
+        for (int32_t h = 0; h < 8; h += 4) {
+            Double4 a;
+            Double4 b;
+            Double4 c;
+            Double4 d;
+            std::memcpy(&a, lower - h - 3, sizeof a);
+            a = __builtin_shuffle(a, reverse);
+            std::memcpy(&b, upper + h, sizeof b);
+            std::memcpy(&c, cs + h, sizeof c);
+            std::memcpy(&d, ca + h, sizeof d);
+            const Double4 new_lower = __builtin_shuffle(a * c - b * d, reverse);
+            const Double4 new_upper = b * c + a * d;
+            std::memcpy(lower - h - 3, &new_lower, sizeof new_lower);
+            std::memcpy(upper + h, &new_upper, sizeof new_upper);
+        }
+    }
+}
+}  // namespace
+
 void antialias(const Layer3State& state, int32_t granule, int32_t channel, double* x) {
     const GranuleInfo& gi = state.side_info.gr[granule][channel];
     int32_t boundaries = 31;
     if (gi.block_type == 2) boundaries = gi.mixed_block_flag != 0 ? 1 : 0;
-    for (int32_t s = 0; s < boundaries; ++s) {
-        double* lower = x + 18 * s + 17;
-        double* upper = x + 18 * s + 18;
-        for (int32_t i = 0; i < 8; ++i) {
-            const double a = lower[-i];
-            const double b = upper[i];
-            lower[-i] = a * cs[i] - b * ca[i];
-            upper[i] = b * cs[i] + a * ca[i];
-        }
-    }
+    antialias_boundaries(x, boundaries);
 }
 
 void imdct_subband(const double* input, double* overlap, double* output, uint32_t block_type,
