@@ -66,7 +66,7 @@ __attribute__((always_inline)) inline void pre_twiddle_of(const T* input, const 
                                                           const double* sines, T* re, T* im,
                                                           int32_t m) {
     const int32_t last = 2 * m - 1;
-    #pragma GCC unroll 18
+#pragma GCC unroll 18
     for (int32_t k = 0; k < m; ++k) {
         const T a = input[2 * k];
         const T b = input[last - 2 * k];
@@ -77,7 +77,7 @@ __attribute__((always_inline)) inline void pre_twiddle_of(const T* input, const 
 
 template <class T>
 __attribute__((always_inline)) inline void dft9_of(T* re, T* im) {
-    #pragma GCC unroll 18
+#pragma GCC unroll 18
     for (int k = 0; k < 3; ++k) butterfly3(re, im, k, k + 3, k + 6);
     // After the first pass, position k + 3j holds output j of column k; these four need the
     // twiddle e^{+2 pi i kj / 9}.
@@ -91,7 +91,7 @@ __attribute__((always_inline)) inline void dft9_of(T* re, T* im) {
     rotate(re[5], im[5], c2, s2);
     rotate(re[7], im[7], c2, s2);
     rotate(re[8], im[8], c4, s4);
-    #pragma GCC unroll 18
+#pragma GCC unroll 18
     for (int j = 0; j < 3; ++j) butterfly3(re, im, 3 * j, 3 * j + 1, 3 * j + 2);
     swap_points(re, im, 1, 3);
     swap_points(re, im, 2, 6);
@@ -101,7 +101,7 @@ __attribute__((always_inline)) inline void dft9_of(T* re, T* im) {
 template <class T>
 __attribute__((always_inline)) inline void post_twiddle_of(T* re, T* im, const double* cosines,
                                                            const double* sines, int32_t m) {
-    #pragma GCC unroll 18
+#pragma GCC unroll 18
     for (int32_t k = 0; k < m; ++k) rotate(re[k], im[k], cosines[k], sines[k]);
 }
 
@@ -113,7 +113,7 @@ __attribute__((always_inline)) inline void long_transform(const T* input, T* a_h
     pre_twiddle_of(input, LongPreCos, LongPreSin, re, im, 9);
     dft9_of(re, im);
     post_twiddle_of(re, im, LongPostCos, LongPostSin, 9);
-    #pragma GCC unroll 18
+#pragma GCC unroll 18
     for (int m = 0; m < 9; ++m) {
         a_half[m] = im[m];
         b_half[m] = re[m];
@@ -125,14 +125,14 @@ template <class T>
 __attribute__((always_inline)) inline void short_transform(const T* input, int w, T* a_half,
                                                            T* b_half) {
     T x[6];
-    #pragma GCC unroll 18
+#pragma GCC unroll 18
     for (int k = 0; k < 6; ++k) x[k] = input[w + 3 * k];
     T re[3];
     T im[3];
     pre_twiddle_of(x, ShortPreCos, ShortPreSin, re, im, 3);
     butterfly3(re, im, 0, 1, 2);
     post_twiddle_of(re, im, ShortPostCos, ShortPostSin, 3);
-    #pragma GCC unroll 18
+#pragma GCC unroll 18
     for (int m = 0; m < 3; ++m) {
         a_half[m] = im[m];
         b_half[m] = re[m];
@@ -149,26 +149,26 @@ __attribute__((always_inline)) inline void imdct_window_overlap(const T* input, 
     // The previous granule's second half, windowed by its own block type.
     if (previous_block_type != 2) {
         T p[18];
-        #pragma GCC unroll 18
+#pragma GCC unroll 18
         for (int m = 0; m < 9; ++m) {
             p[2 * m] = o[m];
             p[2 * m + 1] = o[8 - m];
         }
         if (previous_block_type == 1) {
-            #pragma GCC unroll 18
+#pragma GCC unroll 18
             for (int n = 0; n < 6; ++n) y[n] = p[n];
-            #pragma GCC unroll 18
+#pragma GCC unroll 18
             for (int n = 6; n < 12; ++n) y[n] = ShortWindow[11 - n] * p[n];
-            #pragma GCC unroll 18
+#pragma GCC unroll 18
             for (int n = 12; n < 18; ++n) y[n] = T{};
         } else {
-            #pragma GCC unroll 18
+#pragma GCC unroll 18
             for (int n = 0; n < 18; ++n) y[n] = LongWindow[17 - n] * p[n];
         }
     } else {
         T q1[12];  // window 1's tail at 6..11
         T q2[12];  // window 2, whole
-        #pragma GCC unroll 18
+#pragma GCC unroll 18
         for (int m = 0; m < 3; ++m) {
             q1[6 + 2 * m] = o[m];
             q1[6 + 2 * m + 1] = o[2 - m];
@@ -177,11 +177,11 @@ __attribute__((always_inline)) inline void imdct_window_overlap(const T* input, 
             q2[6 + 2 * m] = o[6 + m];
             q2[6 + 2 * m + 1] = o[8 - m];
         }
-        #pragma GCC unroll 18
+#pragma GCC unroll 18
         for (int n = 0; n < 6; ++n) y[n] = ShortWindow[5 - n] * q1[6 + n] + ShortWindow[n] * q2[n];
-        #pragma GCC unroll 18
+#pragma GCC unroll 18
         for (int n = 6; n < 12; ++n) y[n] = ShortWindow[11 - n] * q2[n];
-        #pragma GCC unroll 18
+#pragma GCC unroll 18
         for (int n = 12; n < 18; ++n) y[n] = T{};
     }
 
@@ -190,31 +190,31 @@ __attribute__((always_inline)) inline void imdct_window_overlap(const T* input, 
         T b_half[9];
         long_transform(input, a_half, b_half);
         T x[18];  // first half of the transform
-        #pragma GCC unroll 18
+#pragma GCC unroll 18
         for (int m = 0; m < 9; ++m) {
             x[2 * m] = a_half[m];
             x[2 * m + 1] = -a_half[8 - m];
         }
         if (block_type == 3) {
-            #pragma GCC unroll 18
+#pragma GCC unroll 18
             for (int n = 6; n < 12; ++n) y[n] = y[n] + ShortWindow[n - 6] * x[n];
-            #pragma GCC unroll 18
+#pragma GCC unroll 18
             for (int n = 12; n < 18; ++n) y[n] = y[n] + x[n];
         } else {
-            #pragma GCC unroll 18
+#pragma GCC unroll 18
             for (int n = 0; n < 18; ++n) y[n] = y[n] + LongWindow[n] * x[n];
         }
-        #pragma GCC unroll 18
+#pragma GCC unroll 18
         for (int m = 0; m < 9; ++m) o[m] = b_half[m];
     } else {
         T a_half[3][3];
         T b_half[3][3];
-        #pragma GCC unroll 18
+#pragma GCC unroll 18
         for (int w = 0; w < 3; ++w) short_transform(input, w, a_half[w], b_half[w]);
         T x0[6];
         T x1[6];
         T x0_tail[6];  // window 0's second half, x_0[6..11], from its B half
-        #pragma GCC unroll 18
+#pragma GCC unroll 18
         for (int m = 0; m < 3; ++m) {
             x0[2 * m] = a_half[0][m];
             x0[2 * m + 1] = -a_half[0][2 - m];
@@ -223,14 +223,14 @@ __attribute__((always_inline)) inline void imdct_window_overlap(const T* input, 
             x0_tail[2 * m] = b_half[0][m];
             x0_tail[2 * m + 1] = b_half[0][2 - m];
         }
-        #pragma GCC unroll 18
+#pragma GCC unroll 18
         for (int n = 6; n < 12; ++n) y[n] = y[n] + ShortWindow[n - 6] * x0[n - 6];
-        #pragma GCC unroll 18
+#pragma GCC unroll 18
         for (int n = 12; n < 18; ++n) {
             y[n] =
                 y[n] + (ShortWindow[17 - n] * x0_tail[n - 12] + ShortWindow[n - 12] * x1[n - 12]);
         }
-        #pragma GCC unroll 18
+#pragma GCC unroll 18
         for (int m = 0; m < 3; ++m) {
             o[m] = b_half[1][m];
             o[3 + m] = a_half[2][m];
@@ -319,26 +319,26 @@ KAVO_VECTOR_CLONES void imdct_four_subbands(const double* input, double (*overla
                                             double* output, int s0, uint32_t block_type,
                                             uint32_t previous_block_type) {
     Double4 o[9];
-    #pragma GCC unroll 18
+#pragma GCC unroll 18
     for (int m = 0; m < 9; ++m) std::memcpy(&o[m], overlap[m] + s0, sizeof o[m]);
     // The four subbands' 18 values, lane by lane: blocks of four values of each subband
     // transposed, the last block overlapping the one before it (14..17).
     Double4 in[18];
-    #pragma GCC unroll 18
+#pragma GCC unroll 18
     for (int k : {0, 4, 8, 12, 14}) {
-        #pragma GCC unroll 18
+#pragma GCC unroll 18
         for (int l = 0; l < 4; ++l) std::memcpy(&in[k + l], input + 18 * l + k, sizeof in[0]);
         transpose4(in[k], in[k + 1], in[k + 2], in[k + 3]);
     }
     Double4 y[18];
     imdct_window_overlap(in, o, y, block_type, previous_block_type);
-    #pragma GCC unroll 18
+#pragma GCC unroll 18
     for (int m = 0; m < 9; ++m) std::memcpy(overlap[m] + s0, &o[m], sizeof o[m]);
 
     // Frequency inversion: lanes 1 and 3 are the odd subbands; their odd samples change sign
     // (the sign bit flipped, as a negation does).
     const Long4 odd_lanes = {0, INT64_MIN, 0, INT64_MIN};
-    #pragma GCC unroll 18
+#pragma GCC unroll 18
     for (int n = 0; n < 18; ++n) {
         Double4 v = y[n];
         if ((n & 1) != 0) v = reinterpret_cast<Double4>(reinterpret_cast<Long4>(v) ^ odd_lanes);
