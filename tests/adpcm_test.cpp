@@ -343,11 +343,32 @@ TEST_P(AdpcmRanges, MatchesTheStepsInTheirWrittenOrder) {
     }
 }
 
+void expect_same_state(const AdpcmState& a, const AdpcmState& b, size_t at) {
+    EXPECT_EQ(a.yl, b.yl) << at;
+    EXPECT_EQ(a.yu, b.yu) << at;
+    EXPECT_EQ(a.ap, b.ap) << at;
+    EXPECT_EQ(a.dms, b.dms) << at;
+    EXPECT_EQ(a.dml, b.dml) << at;
+    EXPECT_EQ(a.a1, b.a1) << at;
+    EXPECT_EQ(a.a2, b.a2) << at;
+    for (int k = 0; k < 6; ++k) {
+        EXPECT_EQ(a.b[k], b.b[k]) << at << " b" << k + 1;
+        EXPECT_EQ(a.dq[k], b.dq[k]) << at << " dq" << k + 1;
+    }
+    EXPECT_EQ(a.sr1, b.sr1) << at;
+    EXPECT_EQ(a.sr2, b.sr2) << at;
+    EXPECT_EQ(a.pk1, b.pk1) << at;
+    EXPECT_EQ(a.pk2, b.pk2) << at;
+    EXPECT_EQ(a.td, b.td) << at;
+}
+
 // Blocks of the output stage's size (and a ragged last one) give the plain coder's codes and
-// leave the state where it leaves it.
+// leave every field of the state where the sample-by-sample coder leaves it.
 TEST_P(AdpcmRanges, BlocksMatchTheStepsInTheirWrittenOrder) {
     AdpcmState st;
     adpcm_init(st);
+    AdpcmState one;
+    adpcm_init(one);
     PlainCoder plain;
     const Samples& in = GetParam().input;
     for (size_t at = 0; at < in.size(); at += 160) {
@@ -356,7 +377,10 @@ TEST_P(AdpcmRanges, BlocksMatchTheStepsInTheirWrittenOrder) {
         adpcm_encode_block(st, in.data() + at, static_cast<int>(n), codes);
         for (size_t i = 0; i < n; ++i) {
             ASSERT_EQ(codes[i], plain.encode(in[at + i])) << "sample " << at + i;
+            adpcm_encode_sample(one, in[at + i]);
         }
+        expect_same_state(st, one, at);
+        if (HasFailure()) return;
         ASSERT_EQ(st.sr1, plain.sr1);
         ASSERT_EQ(st.a1, plain.a1);
         ASSERT_EQ(st.a2, plain.a2);
@@ -409,11 +433,25 @@ Samples modulated_noise() {
     return s;
 }
 
+// Digital silence (a difference of 0), steps of DC and the smallest values: the quantizer's
+// zero exponent and its lowest interval, and a sum of dq and sez of exactly 0.
+Samples silence_and_steps() {
+    Samples s;
+    Lcg r{3};
+    for (int16_t level : {int16_t{0}, int16_t{1}, int16_t{-1}, int16_t{5000}, int16_t{-12000}}) {
+        s.insert(s.end(), 3000, level);
+        for (int i = 0; i < 500; ++i) s.push_back(static_cast<int16_t>(r.next() >> 13));
+        s.insert(s.end(), 2000, int16_t{0});
+    }
+    return s;
+}
+
 INSTANTIATE_TEST_SUITE_P(Signals, AdpcmRanges,
                          testing::Values(RangeCase{"LongRandom", random_input(400000)},
                                          RangeCase{"FullScale", full_scale_input()},
                                          RangeCase{"TonesAndBursts", tones_and_bursts()},
-                                         RangeCase{"ModulatedNoise", modulated_noise()}),
+                                         RangeCase{"ModulatedNoise", modulated_noise()},
+                                         RangeCase{"SilenceAndSteps", silence_and_steps()}),
                          [](const auto& param_info) { return std::string(param_info.param.name); });
 
 // A steady low tone drives the second pole to its limit and sets the tone flag; a sudden

@@ -14,26 +14,34 @@
 namespace kavolib {
 
 namespace {
+// The transform's kernels are written once over the value type T: double for one subband, or
+// Double4 for four subbands at once (one per lane). Each lane then performs exactly the scalar
+// operations in the same order, so both forms give the same bits. Each is inlined where it is
+// used, so that the four-lane form is built for the vector unit its caller was built for, and
+// their short loops are unrolled, so that the values can stay in registers.
+
 // a * e^{i theta} given cos and sin of theta, in place.
-inline void rotate(double& re, double& im, double c, double s) {
-    const double r = re;
-    const double i = im;
+template <class T>
+__attribute__((always_inline)) inline void rotate(T& re, T& im, double c, double s) {
+    const T r = re;
+    const T i = im;
     re = r * c - i * s;
     im = r * s + i * c;
 }
 
 // The 3-point transform of (re[a], im[a]), (re[b], im[b]), (re[c], im[c]), in place.
-inline void butterfly3(double* re, double* im, int a, int b, int c) {
+template <class T>
+__attribute__((always_inline)) inline void butterfly3(T* re, T* im, int a, int b, int c) {
     const double c3 = DftConstants[0];
     const double s3 = DftConstants[4];
-    const double u0r = re[a];
-    const double u0i = im[a];
-    const double tr = re[b] + re[c];
-    const double ti = im[b] + im[c];
-    const double dr = re[b] - re[c];
-    const double di = im[b] - im[c];
-    const double mr = u0r + c3 * tr;
-    const double mi = u0i + c3 * ti;
+    const T u0r = re[a];
+    const T u0i = im[a];
+    const T tr = re[b] + re[c];
+    const T ti = im[b] + im[c];
+    const T dr = re[b] - re[c];
+    const T di = im[b] - im[c];
+    const T mr = u0r + c3 * tr;
+    const T mi = u0i + c3 * ti;
     re[a] = u0r + re[b] + re[c];
     im[a] = u0i + im[b] + im[c];
     // i * sin(2pi/3) * d: real part -s*d.im, imaginary part s*d.re
@@ -43,63 +51,33 @@ inline void butterfly3(double* re, double* im, int a, int b, int c) {
     im[c] = mi - s3 * dr;
 }
 
-inline void swap_points(double* re, double* im, int a, int b) {
-    const double r = re[a];
-    const double i = im[a];
+template <class T>
+__attribute__((always_inline)) inline void swap_points(T* re, T* im, int a, int b) {
+    const T r = re[a];
+    const T i = im[a];
     re[a] = re[b];
     im[a] = im[b];
     re[b] = r;
     im[b] = i;
 }
 
-[[noreturn]] void unknown_block_type(const char* text) {
-    std::fputs(text, stdout);
-    end_process(1);
-}
-
-// The 36-point IMDCT's halves: A[m] = x[2m], B[m] = x[18 + 2m].
-void long_transform(const double* input, double* a_half, double* b_half) {
-    double re[9];
-    double im[9];
-    pre_twiddle(input, LongPreCos, LongPreSin, re, im, 9);
-    dft9(re, im);
-    post_twiddle(re, im, LongPostCos, LongPostSin, 9);
-    for (int m = 0; m < 9; ++m) {
-        a_half[m] = im[m];
-        b_half[m] = re[m];
-    }
-}
-
-// One window of the 12-point IMDCT: A[m] = x_w[2m], B[m] = x_w[6 + 2m].
-void short_transform(const double* input, int w, double* a_half, double* b_half) {
-    double x[6];
-    for (int k = 0; k < 6; ++k) x[k] = input[w + 3 * k];
-    double re[3];
-    double im[3];
-    pre_twiddle(x, ShortPreCos, ShortPreSin, re, im, 3);
-    dft3(re, im);
-    post_twiddle(re, im, ShortPostCos, ShortPostSin, 3);
-    for (int m = 0; m < 3; ++m) {
-        a_half[m] = im[m];
-        b_half[m] = re[m];
-    }
-}
-}  // namespace
-
-void pre_twiddle(const double* input, const double* cosines, const double* sines, double* re,
-                 double* im, int32_t m) {
+template <class T>
+__attribute__((always_inline)) inline void pre_twiddle_of(const T* input, const double* cosines,
+                                                          const double* sines, T* re, T* im,
+                                                          int32_t m) {
     const int32_t last = 2 * m - 1;
+#pragma GCC unroll 18
     for (int32_t k = 0; k < m; ++k) {
-        const double a = input[2 * k];
-        const double b = input[last - 2 * k];
+        const T a = input[2 * k];
+        const T b = input[last - 2 * k];
         re[k] = -b * cosines[k] - a * sines[k];
         im[k] = a * cosines[k] - b * sines[k];
     }
 }
 
-void dft3(double* re, double* im) { butterfly3(re, im, 0, 1, 2); }
-
-void dft9(double* re, double* im) {
+template <class T>
+__attribute__((always_inline)) inline void dft9_of(T* re, T* im) {
+#pragma GCC unroll 18
     for (int k = 0; k < 3; ++k) butterfly3(re, im, k, k + 3, k + 6);
     // After the first pass, position k + 3j holds output j of column k; these four need the
     // twiddle e^{+2 pi i kj / 9}.
@@ -113,56 +91,84 @@ void dft9(double* re, double* im) {
     rotate(re[5], im[5], c2, s2);
     rotate(re[7], im[7], c2, s2);
     rotate(re[8], im[8], c4, s4);
+#pragma GCC unroll 18
     for (int j = 0; j < 3; ++j) butterfly3(re, im, 3 * j, 3 * j + 1, 3 * j + 2);
     swap_points(re, im, 1, 3);
     swap_points(re, im, 2, 6);
     swap_points(re, im, 5, 7);
 }
 
-void post_twiddle(double* re, double* im, const double* cosines, const double* sines, int32_t m) {
+template <class T>
+__attribute__((always_inline)) inline void post_twiddle_of(T* re, T* im, const double* cosines,
+                                                           const double* sines, int32_t m) {
+#pragma GCC unroll 18
     for (int32_t k = 0; k < m; ++k) rotate(re[k], im[k], cosines[k], sines[k]);
 }
 
-void antialias(const Layer3State& state, int32_t granule, int32_t channel, double* x) {
-    const GranuleInfo& gi = state.side_info.gr[granule][channel];
-    int32_t boundaries = 31;
-    if (gi.block_type == 2) boundaries = gi.mixed_block_flag != 0 ? 1 : 0;
-    for (int32_t s = 0; s < boundaries; ++s) {
-        double* lower = x + 18 * s + 17;
-        double* upper = x + 18 * s + 18;
-        for (int32_t i = 0; i < 8; ++i) {
-            const double a = lower[-i];
-            const double b = upper[i];
-            lower[-i] = a * cs[i] - b * ca[i];
-            upper[i] = b * cs[i] + a * ca[i];
-        }
+// The 36-point IMDCT's halves: A[m] = x[2m], B[m] = x[18 + 2m].
+template <class T>
+__attribute__((always_inline)) inline void long_transform(const T* input, T* a_half, T* b_half) {
+    T re[9];
+    T im[9];
+    pre_twiddle_of(input, LongPreCos, LongPreSin, re, im, 9);
+    dft9_of(re, im);
+    post_twiddle_of(re, im, LongPostCos, LongPostSin, 9);
+#pragma GCC unroll 18
+    for (int m = 0; m < 9; ++m) {
+        a_half[m] = im[m];
+        b_half[m] = re[m];
     }
 }
 
-void imdct_subband(const double* input, double* overlap, double* output, uint32_t block_type,
-                   uint32_t previous_block_type, int32_t subband) {
-    if (previous_block_type > 3) unknown_block_type("Unknown block_type_prev");
-    if (block_type > 3) unknown_block_type("Unknown block_type");
+// One window of the 12-point IMDCT: A[m] = x_w[2m], B[m] = x_w[6 + 2m].
+template <class T>
+__attribute__((always_inline)) inline void short_transform(const T* input, int w, T* a_half,
+                                                           T* b_half) {
+    T x[6];
+#pragma GCC unroll 18
+    for (int k = 0; k < 6; ++k) x[k] = input[w + 3 * k];
+    T re[3];
+    T im[3];
+    pre_twiddle_of(x, ShortPreCos, ShortPreSin, re, im, 3);
+    butterfly3(re, im, 0, 1, 2);
+    post_twiddle_of(re, im, ShortPostCos, ShortPostSin, 3);
+#pragma GCC unroll 18
+    for (int m = 0; m < 3; ++m) {
+        a_half[m] = im[m];
+        b_half[m] = re[m];
+    }
+}
 
+// The transform of one subband's 18 values (or four subbands', lane by lane), windowed by the
+// block type and added to the previous granule's second half, windowed by its own block type,
+// into y[0..17]; o (the 9 unwindowed values kept per subband) is read, then replaced.
+template <class T>
+__attribute__((always_inline)) inline void imdct_window_overlap(const T* input, T* o, T* y,
+                                                                uint32_t block_type,
+                                                                uint32_t previous_block_type) {
     // The previous granule's second half, windowed by its own block type.
-    double y[18];
-    const double* o = overlap;
     if (previous_block_type != 2) {
-        double p[18];
+        T p[18];
+#pragma GCC unroll 18
         for (int m = 0; m < 9; ++m) {
             p[2 * m] = o[m];
             p[2 * m + 1] = o[8 - m];
         }
         if (previous_block_type == 1) {
+#pragma GCC unroll 18
             for (int n = 0; n < 6; ++n) y[n] = p[n];
+#pragma GCC unroll 18
             for (int n = 6; n < 12; ++n) y[n] = ShortWindow[11 - n] * p[n];
-            for (int n = 12; n < 18; ++n) y[n] = 0.0;
+#pragma GCC unroll 18
+            for (int n = 12; n < 18; ++n) y[n] = T{};
         } else {
+#pragma GCC unroll 18
             for (int n = 0; n < 18; ++n) y[n] = LongWindow[17 - n] * p[n];
         }
     } else {
-        double q1[12];  // window 1's tail at 6..11
-        double q2[12];  // window 2, whole
+        T q1[12];  // window 1's tail at 6..11
+        T q2[12];  // window 2, whole
+#pragma GCC unroll 18
         for (int m = 0; m < 3; ++m) {
             q1[6 + 2 * m] = o[m];
             q1[6 + 2 * m + 1] = o[2 - m];
@@ -171,55 +177,133 @@ void imdct_subband(const double* input, double* overlap, double* output, uint32_
             q2[6 + 2 * m] = o[6 + m];
             q2[6 + 2 * m + 1] = o[8 - m];
         }
+#pragma GCC unroll 18
         for (int n = 0; n < 6; ++n) y[n] = ShortWindow[5 - n] * q1[6 + n] + ShortWindow[n] * q2[n];
+#pragma GCC unroll 18
         for (int n = 6; n < 12; ++n) y[n] = ShortWindow[11 - n] * q2[n];
-        for (int n = 12; n < 18; ++n) y[n] = 0.0;
+#pragma GCC unroll 18
+        for (int n = 12; n < 18; ++n) y[n] = T{};
     }
 
     if (block_type != 2) {
-        double a_half[9];
-        double b_half[9];
+        T a_half[9];
+        T b_half[9];
         long_transform(input, a_half, b_half);
-        double x[18];  // first half of the transform
+        T x[18];  // first half of the transform
+#pragma GCC unroll 18
         for (int m = 0; m < 9; ++m) {
             x[2 * m] = a_half[m];
             x[2 * m + 1] = -a_half[8 - m];
         }
         if (block_type == 3) {
+#pragma GCC unroll 18
             for (int n = 6; n < 12; ++n) y[n] = y[n] + ShortWindow[n - 6] * x[n];
+#pragma GCC unroll 18
             for (int n = 12; n < 18; ++n) y[n] = y[n] + x[n];
         } else {
+#pragma GCC unroll 18
             for (int n = 0; n < 18; ++n) y[n] = y[n] + LongWindow[n] * x[n];
         }
-        for (int m = 0; m < 9; ++m) overlap[m] = b_half[m];
+#pragma GCC unroll 18
+        for (int m = 0; m < 9; ++m) o[m] = b_half[m];
     } else {
-        double a_half[3][3];
-        double b_half[3][3];
+        T a_half[3][3];
+        T b_half[3][3];
+#pragma GCC unroll 18
         for (int w = 0; w < 3; ++w) short_transform(input, w, a_half[w], b_half[w]);
-        double x0[6];
-        double x1[6];
+        T x0[6];
+        T x1[6];
+        T x0_tail[6];  // window 0's second half, x_0[6..11], from its B half
+#pragma GCC unroll 18
         for (int m = 0; m < 3; ++m) {
             x0[2 * m] = a_half[0][m];
             x0[2 * m + 1] = -a_half[0][2 - m];
             x1[2 * m] = a_half[1][m];
             x1[2 * m + 1] = -a_half[1][2 - m];
-        }
-        // Window 0's second half, x_0[6..11], from its B half.
-        double x0_tail[6];
-        for (int m = 0; m < 3; ++m) {
             x0_tail[2 * m] = b_half[0][m];
             x0_tail[2 * m + 1] = b_half[0][2 - m];
         }
+#pragma GCC unroll 18
         for (int n = 6; n < 12; ++n) y[n] = y[n] + ShortWindow[n - 6] * x0[n - 6];
+#pragma GCC unroll 18
         for (int n = 12; n < 18; ++n) {
-            y[n] = y[n] + (ShortWindow[17 - n] * x0_tail[n - 12] + ShortWindow[n - 12] * x1[n - 12]);
+            y[n] =
+                y[n] + (ShortWindow[17 - n] * x0_tail[n - 12] + ShortWindow[n - 12] * x1[n - 12]);
         }
+#pragma GCC unroll 18
         for (int m = 0; m < 3; ++m) {
-            overlap[m] = b_half[1][m];
-            overlap[3 + m] = a_half[2][m];
-            overlap[6 + m] = b_half[2][m];
+            o[m] = b_half[1][m];
+            o[3 + m] = a_half[2][m];
+            o[6 + m] = b_half[2][m];
         }
     }
+}
+
+[[noreturn]] void unknown_block_type(const char* text) {
+    std::fputs(text, stdout);
+    end_process(1);
+}
+}  // namespace
+
+void pre_twiddle(const double* input, const double* cosines, const double* sines, double* re,
+                 double* im, int32_t m) {
+    pre_twiddle_of(input, cosines, sines, re, im, m);
+}
+
+void dft3(double* re, double* im) {
+    butterfly3(re, im, 0, 1, 2);
+}
+
+void dft9(double* re, double* im) {
+    dft9_of(re, im);
+}
+
+void post_twiddle(double* re, double* im, const double* cosines, const double* sines, int32_t m) {
+    post_twiddle_of(re, im, cosines, sines, m);
+}
+
+namespace {
+// The butterflies of one boundary between subbands, four pairs at a time: lanes h..h + 3 take
+// the lower values in reverse (lower[-h] first), so each lane computes the scalar expressions
+// of its pair.
+KAVO_VECTOR_CLONES void antialias_boundaries(double* x, int32_t boundaries) {
+    const Long4 reverse = {3, 2, 1, 0};
+    for (int32_t s = 0; s < boundaries; ++s) {
+        double* lower = x + 18 * s + 17;
+        double* upper = x + 18 * s + 18;
+#pragma GCC unroll 2
+        for (int32_t h = 0; h < 8; h += 4) {
+            Double4 a;
+            Double4 b;
+            Double4 c;
+            Double4 d;
+            std::memcpy(&a, lower - h - 3, sizeof a);
+            a = __builtin_shuffle(a, reverse);
+            std::memcpy(&b, upper + h, sizeof b);
+            std::memcpy(&c, cs + h, sizeof c);
+            std::memcpy(&d, ca + h, sizeof d);
+            const Double4 new_lower = __builtin_shuffle(a * c - b * d, reverse);
+            const Double4 new_upper = b * c + a * d;
+            std::memcpy(lower - h - 3, &new_lower, sizeof new_lower);
+            std::memcpy(upper + h, &new_upper, sizeof new_upper);
+        }
+    }
+}
+}  // namespace
+
+void antialias(const Layer3State& state, int32_t granule, int32_t channel, double* x) {
+    const GranuleInfo& gi = state.side_info.gr[granule][channel];
+    int32_t boundaries = 31;
+    if (gi.block_type == 2) boundaries = gi.mixed_block_flag != 0 ? 1 : 0;
+    antialias_boundaries(x, boundaries);
+}
+
+void imdct_subband(const double* input, double* overlap, double* output, uint32_t block_type,
+                   uint32_t previous_block_type, int32_t subband) {
+    if (previous_block_type > 3) unknown_block_type("Unknown block_type_prev");
+    if (block_type > 3) unknown_block_type("Unknown block_type");
+    double y[18];
+    imdct_window_overlap(input, overlap, y, block_type, previous_block_type);
 
     // Frequency inversion of odd subbands: every odd sample negated.
     const bool invert = (subband & 1) != 0;
@@ -229,171 +313,32 @@ void imdct_subband(const double* input, double* overlap, double* output, uint32_
 }
 
 namespace {
-// The same transform, windowing and overlap-add as imdct_subband, for the four subbands s0 to
-// s0 + 3 at once (one subband per lane), all of the same block type and previous block type.
-// Every lane performs exactly the operations imdct_subband performs for its subband.
-inline void vrotate(Double4& re, Double4& im, double c, double s) {
-    const Double4 r = re;
-    const Double4 i = im;
-    re = r * c - i * s;
-    im = r * s + i * c;
-}
-
-inline void vbutterfly3(Double4* re, Double4* im, int a, int b, int c) {
-    const double c3 = DftConstants[0];
-    const double s3 = DftConstants[4];
-    const Double4 u0r = re[a];
-    const Double4 u0i = im[a];
-    const Double4 tr = re[b] + re[c];
-    const Double4 ti = im[b] + im[c];
-    const Double4 dr = re[b] - re[c];
-    const Double4 di = im[b] - im[c];
-    const Double4 mr = u0r + c3 * tr;
-    const Double4 mi = u0i + c3 * ti;
-    re[a] = u0r + re[b] + re[c];
-    im[a] = u0i + im[b] + im[c];
-    re[b] = mr - s3 * di;
-    im[b] = mi + s3 * dr;
-    re[c] = mr + s3 * di;
-    im[c] = mi - s3 * dr;
-}
-
-inline void vswap(Double4* re, Double4* im, int a, int b) {
-    const Double4 r = re[a];
-    const Double4 i = im[a];
-    re[a] = re[b];
-    im[a] = im[b];
-    re[b] = r;
-    im[b] = i;
-}
-
-// pre_twiddle, the DFT and post_twiddle of M = 9 or 3 points on lane vectors; a_half = im,
-// b_half = re.
-inline void vtransform(const Double4* input, int m, const double* pre_cos, const double* pre_sin,
-                       const double* post_cos, const double* post_sin, Double4* a_half,
-                       Double4* b_half) {
-    Double4 re[9];
-    Double4 im[9];
-    const int last = 2 * m - 1;
-    for (int k = 0; k < m; ++k) {
-        const Double4 a = input[2 * k];
-        const Double4 b = input[last - 2 * k];
-        re[k] = -b * pre_cos[k] - a * pre_sin[k];
-        im[k] = a * pre_cos[k] - b * pre_sin[k];
-    }
-    if (m == 9) {
-        for (int k = 0; k < 3; ++k) vbutterfly3(re, im, k, k + 3, k + 6);
-        vrotate(re[4], im[4], DftConstants[1], DftConstants[5]);
-        vrotate(re[5], im[5], DftConstants[2], DftConstants[6]);
-        vrotate(re[7], im[7], DftConstants[2], DftConstants[6]);
-        vrotate(re[8], im[8], DftConstants[3], DftConstants[7]);
-        for (int j = 0; j < 3; ++j) vbutterfly3(re, im, 3 * j, 3 * j + 1, 3 * j + 2);
-        vswap(re, im, 1, 3);
-        vswap(re, im, 2, 6);
-        vswap(re, im, 5, 7);
-    } else {
-        vbutterfly3(re, im, 0, 1, 2);
-    }
-    for (int k = 0; k < m; ++k) {
-        vrotate(re[k], im[k], post_cos[k], post_sin[k]);
-        a_half[k] = im[k];
-        b_half[k] = re[k];
-    }
-}
-
+// imdct_subband for the four subbands s0 to s0 + 3 at once (one subband per lane), all of the
+// same block type and previous block type.
 KAVO_VECTOR_CLONES void imdct_four_subbands(const double* input, double (*overlap)[32],
                                             double* output, int s0, uint32_t block_type,
                                             uint32_t previous_block_type) {
     Double4 o[9];
+#pragma GCC unroll 18
     for (int m = 0; m < 9; ++m) std::memcpy(&o[m], overlap[m] + s0, sizeof o[m]);
-
-    Double4 y[18];
-    if (previous_block_type != 2) {
-        Double4 p[18];
-        for (int m = 0; m < 9; ++m) {
-            p[2 * m] = o[m];
-            p[2 * m + 1] = o[8 - m];
-        }
-        if (previous_block_type == 1) {
-            for (int n = 0; n < 6; ++n) y[n] = p[n];
-            for (int n = 6; n < 12; ++n) y[n] = ShortWindow[11 - n] * p[n];
-            for (int n = 12; n < 18; ++n) y[n] = Double4{0.0, 0.0, 0.0, 0.0};
-        } else {
-            for (int n = 0; n < 18; ++n) y[n] = LongWindow[17 - n] * p[n];
-        }
-    } else {
-        Double4 q1[12];
-        Double4 q2[12];
-        for (int m = 0; m < 3; ++m) {
-            q1[6 + 2 * m] = o[m];
-            q1[6 + 2 * m + 1] = o[2 - m];
-            q2[2 * m] = o[3 + m];
-            q2[2 * m + 1] = -o[5 - m];
-            q2[6 + 2 * m] = o[6 + m];
-            q2[6 + 2 * m + 1] = o[8 - m];
-        }
-        for (int n = 0; n < 6; ++n) y[n] = ShortWindow[5 - n] * q1[6 + n] + ShortWindow[n] * q2[n];
-        for (int n = 6; n < 12; ++n) y[n] = ShortWindow[11 - n] * q2[n];
-        for (int n = 12; n < 18; ++n) y[n] = Double4{0.0, 0.0, 0.0, 0.0};
-    }
-
-    // The four subbands' 18 values, lane by lane.
+    // The four subbands' 18 values, lane by lane: blocks of four values of each subband
+    // transposed, the last block overlapping the one before it (14..17).
     Double4 in[18];
-    for (int k = 0; k < 18; ++k) {
-        in[k] = Double4{input[k], input[18 + k], input[36 + k], input[54 + k]};
+#pragma GCC unroll 18
+    for (int k : {0, 4, 8, 12, 14}) {
+#pragma GCC unroll 18
+        for (int l = 0; l < 4; ++l) std::memcpy(&in[k + l], input + 18 * l + k, sizeof in[0]);
+        transpose4(in[k], in[k + 1], in[k + 2], in[k + 3]);
     }
-
-    if (block_type != 2) {
-        Double4 a_half[9];
-        Double4 b_half[9];
-        vtransform(in, 9, LongPreCos, LongPreSin, LongPostCos, LongPostSin, a_half, b_half);
-        Double4 x[18];
-        for (int m = 0; m < 9; ++m) {
-            x[2 * m] = a_half[m];
-            x[2 * m + 1] = -a_half[8 - m];
-        }
-        if (block_type == 3) {
-            for (int n = 6; n < 12; ++n) y[n] = y[n] + ShortWindow[n - 6] * x[n];
-            for (int n = 12; n < 18; ++n) y[n] = y[n] + x[n];
-        } else {
-            for (int n = 0; n < 18; ++n) y[n] = y[n] + LongWindow[n] * x[n];
-        }
-        for (int m = 0; m < 9; ++m) o[m] = b_half[m];
-    } else {
-        Double4 a_half[3][3];
-        Double4 b_half[3][3];
-        for (int w = 0; w < 3; ++w) {
-            Double4 xw[6];
-            for (int k = 0; k < 6; ++k) xw[k] = in[w + 3 * k];
-            vtransform(xw, 3, ShortPreCos, ShortPreSin, ShortPostCos, ShortPostSin, a_half[w],
-                       b_half[w]);
-        }
-        Double4 x0[6];
-        Double4 x1[6];
-        Double4 x0_tail[6];
-        for (int m = 0; m < 3; ++m) {
-            x0[2 * m] = a_half[0][m];
-            x0[2 * m + 1] = -a_half[0][2 - m];
-            x1[2 * m] = a_half[1][m];
-            x1[2 * m + 1] = -a_half[1][2 - m];
-            x0_tail[2 * m] = b_half[0][m];
-            x0_tail[2 * m + 1] = b_half[0][2 - m];
-        }
-        for (int n = 6; n < 12; ++n) y[n] = y[n] + ShortWindow[n - 6] * x0[n - 6];
-        for (int n = 12; n < 18; ++n) {
-            y[n] = y[n] + (ShortWindow[17 - n] * x0_tail[n - 12] + ShortWindow[n - 12] * x1[n - 12]);
-        }
-        for (int m = 0; m < 3; ++m) {
-            o[m] = b_half[1][m];
-            o[3 + m] = a_half[2][m];
-            o[6 + m] = b_half[2][m];
-        }
-    }
+    Double4 y[18];
+    imdct_window_overlap(in, o, y, block_type, previous_block_type);
+#pragma GCC unroll 18
     for (int m = 0; m < 9; ++m) std::memcpy(overlap[m] + s0, &o[m], sizeof o[m]);
 
     // Frequency inversion: lanes 1 and 3 are the odd subbands; their odd samples change sign
     // (the sign bit flipped, as a negation does).
     const Long4 odd_lanes = {0, INT64_MIN, 0, INT64_MIN};
+#pragma GCC unroll 18
     for (int n = 0; n < 18; ++n) {
         Double4 v = y[n];
         if ((n & 1) != 0) v = reinterpret_cast<Double4>(reinterpret_cast<Long4>(v) ^ odd_lanes);
@@ -408,14 +353,13 @@ void hybrid_synthesis(Layer3State& state, int32_t granule, int32_t channel, cons
     const bool mixed = gi.window_switching_flag != 0 && gi.mixed_block_flag != 0;
     const bool previous_mixed =
         previous.window_switching_flag != 0 && previous.mixed_block_flag != 0;
-    double (*overlap)[32] = state.overlap[channel];
+    double(*overlap)[32] = state.overlap[channel];
     for (int32_t s0 = 0; s0 < 32; s0 += 4) {
         // Only the long part of a mixed block (subbands 0 and 1) can differ from its group.
         if (s0 == 0 && (mixed || previous_mixed)) {
             for (int32_t s = 0; s < 4; ++s) {
                 const uint32_t type = (mixed && s < 2) ? 0u : gi.block_type;
-                const uint32_t previous_type =
-                    (previous_mixed && s < 2) ? 0u : previous.block_type;
+                const uint32_t previous_type = (previous_mixed && s < 2) ? 0u : previous.block_type;
                 double o[9];
                 for (int m = 0; m < 9; ++m) o[m] = overlap[m][s];
                 imdct_subband(x + 18 * s, o, state.spectrum + s, type, previous_type, s);

@@ -5,6 +5,10 @@
 #include <cmath>
 #include <cstring>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 #include "layer3/layer3_stages.h"
 #include "layer3/layer3_tables.h"
 
@@ -34,7 +38,7 @@ inline double signed_pow43_of(const double* table, double value) {
 // afterwards by flipping the sign bit. Negating before or after the product gives the same
 // bits (the rounding is symmetric), and this way the loop has no branch on the sign, which
 // real spectra make unpredictable. A magnitude beyond the table is rare and takes the slow path.
-void scale_run(const double* table, double* values, int32_t count, double gain) {
+void scale_run_plain(const double* table, double* values, int32_t count, double gain) {
     for (int32_t i = 0; i < count; ++i) {
         const auto n = static_cast<int32_t>(values[i]);
         const int32_t magnitude = n < 0 ? -n : n;
@@ -48,6 +52,49 @@ void scale_run(const double* table, double* values, int32_t count, double gain) 
         bits ^= static_cast<uint64_t>(n < 0) << 63;
         std::memcpy(&values[i], &bits, sizeof bits);
     }
+}
+
+#if defined(__x86_64__)
+// The same, four lines at a time: the magnitudes truncated to integers as the plain form does,
+// their powers fetched by one gather, the product with the gain, and the sign bit flipped for
+// negative values. Four lines with a magnitude beyond the table (or a value too large for an
+// integer) take the plain form, as does the tail.
+__attribute__((target("avx2"))) void scale_run_avx2(const double* table, double* values,
+                                                    int32_t count, double gain) {
+    const __m256d g = _mm256_set1_pd(gain);
+    const __m128i last = _mm_set1_epi32(kPow43Size - 1);
+    const __m128i zero = _mm_setzero_si128();
+    const __m256d all = _mm256_castsi256_pd(_mm256_set1_epi64x(-1));
+    int32_t i = 0;
+    for (; i + 4 <= count; i += 4) {
+        const __m128i n = _mm256_cvttpd_epi32(_mm256_loadu_pd(values + i));
+        const __m128i magnitude = _mm_abs_epi32(n);
+        const __m128i outside =
+            _mm_or_si128(_mm_cmpgt_epi32(magnitude, last), _mm_cmplt_epi32(magnitude, zero));
+        if (_mm_movemask_epi8(outside) != 0) {
+            scale_run_plain(table, values + i, 4, gain);
+            continue;
+        }
+        const __m256d powers =
+            _mm256_mask_i32gather_pd(_mm256_setzero_pd(), table, magnitude, all, 8);
+        const __m256d scaled = _mm256_mul_pd(powers, g);
+        const __m256i sign = _mm256_slli_epi64(_mm256_cvtepi32_epi64(_mm_srli_epi32(n, 31)), 63);
+        _mm256_storeu_pd(values + i, _mm256_xor_pd(scaled, _mm256_castsi256_pd(sign)));
+    }
+    scale_run_plain(table, values + i, count - i, gain);
+}
+
+const bool kHaveAvx2 = __builtin_cpu_supports("avx2");
+#endif
+
+void scale_run(const double* table, double* values, int32_t count, double gain) {
+#if defined(__x86_64__)
+    if (kHaveAvx2) {
+        scale_run_avx2(table, values, count, gain);
+        return;
+    }
+#endif
+    scale_run_plain(table, values, count, gain);
 }
 
 // One past the last line whose value is not +0.0 (bit for bit). Those lines would become
@@ -97,8 +144,8 @@ void requantise(Layer3State& state, int32_t granule, int32_t channel) {
     if (gi.block_type != 2) {
         const int32_t end = end_of_nonzero(values);
         for (int32_t b = 0; b < 22 && lb[b] < end; ++b) {
-            const double gain = long_band_gain(gi.global_gain, gi.scalefac_scale, sf.l[channel][b],
-                                               b, gi.preflag);
+            const double gain =
+                long_band_gain(gi.global_gain, gi.scalefac_scale, sf.l[channel][b], b, gi.preflag);
             scale_run(table, values + lb[b], std::min(lb[b + 1], end) - lb[b], gain);
         }
         return;
@@ -131,7 +178,8 @@ void requantise(Layer3State& state, int32_t granule, int32_t channel) {
     }
     // With the 8 kHz bands a mixed block's layout ends at line 540; the lines beyond it carry
     // no band and are set to zero.
-    if (p < kGranuleLines) std::memset(values + p, 0, sizeof(double) * static_cast<size_t>(kGranuleLines - p));
+    if (p < kGranuleLines)
+        std::memset(values + p, 0, sizeof(double) * static_cast<size_t>(kGranuleLines - p));
 }
 
 }  // namespace kavolib

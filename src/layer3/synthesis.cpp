@@ -210,36 +210,25 @@ __attribute__((always_inline)) inline void matrix_core(const T* slot, T* r) {
     }
 }
 
-// Rows a, b, c, d (four doubles each) become columns, in place.
-__attribute__((always_inline)) inline void transpose4(Double4& a, Double4& b, Double4& c, Double4& d) {
-    const Long4 low = {0, 4, 2, 6};
-    const Long4 high = {1, 5, 3, 7};
-    const Long4 first = {0, 1, 4, 5};
-    const Long4 second = {2, 3, 6, 7};
-    const Double4 t0 = __builtin_shuffle(a, b, low);
-    const Double4 t1 = __builtin_shuffle(a, b, high);
-    const Double4 t2 = __builtin_shuffle(c, d, low);
-    const Double4 t3 = __builtin_shuffle(c, d, high);
-    a = __builtin_shuffle(t0, t2, first);
-    b = __builtin_shuffle(t1, t3, first);
-    c = __builtin_shuffle(t0, t2, second);
-    d = __builtin_shuffle(t1, t3, second);
-}
-
 // Four consecutive slots (32 values apart in slots) matrixed at once; slot l's extended form
-// goes to e[l].
+// goes to e[l]. The loops are unrolled so that the order table is read at compile time.
 KAVO_VECTOR_CLONES void matrix_four_slots(const double* slots, double (*e)[64]) {
     Double4 in[32];
+#pragma GCC unroll 8
     for (int n = 0; n < 32; n += 4) {
+#pragma GCC unroll 4
         for (int l = 0; l < 4; ++l) std::memcpy(&in[n + l], slots + 32 * l + n, sizeof in[0]);
         transpose4(in[n], in[n + 1], in[n + 2], in[n + 3]);
     }
     Double4 r[32];
     matrix_core(in, r);
+#pragma GCC unroll 16
     for (int k = 0; k < 64; k += 4) {
         Double4 v[4];
+#pragma GCC unroll 4
         for (int i = 0; i < 4; ++i) v[i] = r[kExtendedOrder[static_cast<size_t>(k + i)]];
         transpose4(v[0], v[1], v[2], v[3]);
+#pragma GCC unroll 4
         for (int l = 0; l < 4; ++l) std::memcpy(e[l] + k, &v[l], sizeof v[l]);
     }
 }

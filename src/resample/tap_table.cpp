@@ -52,8 +52,10 @@ __attribute__((target("avx2"))) inline __m256i wideTaps(__m256i acc, const int16
     const __m256i lo = _mm256_mullo_epi16(vc, vx);
     const __m256i hi = _mm256_mulhi_epi16(vc, vx);
     const __m256i round = _mm256_set1_epi32(8192);
-    const __m256i p0 = _mm256_srai_epi32(_mm256_add_epi32(_mm256_unpacklo_epi16(lo, hi), round), 14);
-    const __m256i p1 = _mm256_srai_epi32(_mm256_add_epi32(_mm256_unpackhi_epi16(lo, hi), round), 14);
+    const __m256i p0 =
+        _mm256_srai_epi32(_mm256_add_epi32(_mm256_unpacklo_epi16(lo, hi), round), 14);
+    const __m256i p1 =
+        _mm256_srai_epi32(_mm256_add_epi32(_mm256_unpackhi_epi16(lo, hi), round), 14);
     return _mm256_add_epi32(acc, _mm256_add_epi32(p0, p1));
 }
 
@@ -65,17 +67,32 @@ __attribute__((target("avx2"))) inline __m256i narrowTaps(__m256i acc, const int
     return _mm256_add_epi32(acc, _mm256_madd_epi16(r, _mm256_set1_epi16(1)));
 }
 
-// Both wings of one output sample; row lengths are whole vectors.
+// Both wings of one output sample; row lengths are whole vectors. The wings are walked side by
+// side, so each step covers a vector of both: first while both hold wide coefficients, then while
+// one of them does, then the narrow rest.
 __attribute__((target("avx2"))) uint32_t bothAvx2(const int16_t* cl, int wl, const int16_t* xl,
                                                   const int16_t* cr, int wr, const int16_t* xr,
                                                   int n) {
     __m256i left = _mm256_setzero_si256();
     __m256i right = _mm256_setzero_si256();
+    const int both = wl < wr ? wl : wr;
     int j = 0;
-    for (; j < wl; j += kVector) left = wideTaps(left, cl + j, xl + j);
-    for (; j < n; j += kVector) left = narrowTaps(left, cl + j, xl + j);
-    for (j = 0; j < wr; j += kVector) right = wideTaps(right, cr + j, xr + j);
-    for (; j < n; j += kVector) right = narrowTaps(right, cr + j, xr + j);
+    for (; j < both; j += kVector) {
+        left = wideTaps(left, cl + j, xl + j);
+        right = wideTaps(right, cr + j, xr + j);
+    }
+    for (; j < wl; j += kVector) {
+        left = wideTaps(left, cl + j, xl + j);
+        right = narrowTaps(right, cr + j, xr + j);
+    }
+    for (; j < wr; j += kVector) {
+        left = narrowTaps(left, cl + j, xl + j);
+        right = wideTaps(right, cr + j, xr + j);
+    }
+    for (; j < n; j += kVector) {
+        left = narrowTaps(left, cl + j, xl + j);
+        right = narrowTaps(right, cr + j, xr + j);
+    }
     const __m256i acc = _mm256_add_epi32(left, right);
     __m128i s = _mm_add_epi32(_mm256_castsi256_si128(acc), _mm256_extracti128_si256(acc, 1));
     s = _mm_add_epi32(s, _mm_shuffle_epi32(s, 0x4E));
@@ -84,15 +101,16 @@ __attribute__((target("avx2"))) uint32_t bothAvx2(const int16_t* cl, int wl, con
 }
 #endif
 
-bool narrow(int32_t c) { return c > -16384 && c < 16384; }
+bool narrow(int32_t c) {
+    return c > -16384 && c < 16384;
+}
 
 uint32_t roundedTap(int16_t c, int16_t x) {
     const int32_t t = int32_t{c} * int32_t{x};
     return static_cast<uint32_t>((t + 8192) >> 14);
 }
 
-int32_t coefficientAt(const int16_t* coeffs, const int16_t* differences, int interp,
-                      uint32_t pos) {
+int32_t coefficientAt(const int16_t* coeffs, const int16_t* differences, int interp, uint32_t pos) {
     const uint32_t k = pos >> 7;
     int32_t c = coeffs[k];
     if (interp != 0) c += (int32_t{differences[k]} * static_cast<int32_t>(pos & 127u)) >> 7;
@@ -139,7 +157,9 @@ TapTable::TapTable(const int16_t* Coeffs, const int16_t* Differences, uint16_t L
 #endif
 }
 
-void TapTable::usePortableKernel() { kernel_ = bothPortable; }
+void TapTable::usePortableKernel() {
+    kernel_ = bothPortable;
+}
 
 const int16_t* TapTable::row(uint32_t start) {
     int16_t* out = rows_.data() + static_cast<size_t>(start) * static_cast<size_t>(rowLen_);
@@ -183,14 +203,14 @@ int32_t TapTable::sum(const int16_t* reversedAtI, const int16_t* inputAfterI, ui
     const uint32_t startRight = ((phaseRight * dh_) >> 15) + (phaseRight == 0 ? dh_ : 0u);
     const int16_t* cl = row(startLeft);
     const int16_t* cr = row(startRight);
-    uint32_t total = kernel_(cl, wide_[startLeft], reversedAtI, cr, wide_[startRight],
-                             inputAfterI, rowLen_);
+    uint32_t total =
+        kernel_(cl, wide_[startLeft], reversedAtI, cr, wide_[startRight], inputAfterI, rowLen_);
     // Taps at the table's last entry belong to the left wing only.
     for (int j = countRight_[startRight]; j < countLeft_[startRight]; ++j) {
         const uint32_t pos = startRight + static_cast<uint32_t>(j) * dh_;
-        total -= roundedTap(
-            static_cast<int16_t>(coefficientAt(coeffs_, differences_, interp_, pos)),
-            inputAfterI[j]);
+        total -=
+            roundedTap(static_cast<int16_t>(coefficientAt(coeffs_, differences_, interp_, pos)),
+                       inputAfterI[j]);
     }
     return static_cast<int32_t>(total);
 }

@@ -237,6 +237,90 @@ TEST(FastRequantise, LongBlocksMatchEveryLineScaledByBit) {
     }
 }
 
+// Short blocks: each window of each band scaled by its own gain, bands of 4 to 56 lines (runs
+// of four and the lines after them), magnitudes beyond the table and negative values among them.
+TEST(FastRequantise, ShortBlocksMatchEveryLineScaledByBit) {
+    auto state = std::make_unique<Layer3State>();
+    for (int i = 0; i < kPow43Size; ++i) state->pow43[i] = std::pow(i, 4.0 / 3.0);
+    std::mt19937 rng(37);
+    std::uniform_int_distribution<int> magnitude(-40, 40);
+    std::uniform_int_distribution<int> escape(-8206, 8206);
+    std::uniform_int_distribution<int> gain(0, 255);
+    std::uniform_int_distribution<int> small(0, 7);
+    for (int round = 0; round < 90; ++round) {
+        const int row = round % 3;
+        const int rate = (round / 3) % 3;
+        state->short_bounds = kShortBandBounds[row][rate];
+        GranuleInfo& gi = state->side_info.gr[0][0];
+        gi = GranuleInfo{};
+        gi.block_type = 2;
+        gi.window_switching_flag = 1;
+        gi.global_gain = static_cast<uint32_t>(gain(rng));
+        gi.scalefac_scale = static_cast<uint32_t>(round & 1);
+        for (uint32_t& g : gi.subblock_gain) g = static_cast<uint32_t>(small(rng));
+        for (auto& band : state->scale_factors.s[0]) {
+            for (uint32_t& f : band) f = static_cast<uint32_t>(small(rng));
+        }
+        for (int i = 0; i < 576; ++i) {
+            state->spectrum[i] = (i % 41 == 7) ? escape(rng) : magnitude(rng);
+        }
+        double plain[576] = {};
+        const int32_t* sb = state->short_bounds;
+        int p = 0;
+        for (int b = 0; b < 13; ++b) {
+            for (int w = 0; w < 3; ++w) {
+                const double g =
+                    short_band_gain(gi.global_gain, gi.subblock_gain[w], gi.scalefac_scale,
+                                    state->scale_factors.s[0][b][w]);
+                for (int i = sb[b]; i < sb[b + 1]; ++i, ++p) {
+                    plain[p] = signed_pow43(*state, state->spectrum[p]) * g;
+                }
+            }
+        }
+        requantise(*state, 0, 0);
+        ASSERT_TRUE(same_bits(plain, state->spectrum, static_cast<size_t>(p))) << "round " << round;
+    }
+}
+
+// Alias reduction, four pairs at a time, against each pair's two expressions: all 31
+// boundaries for long blocks, the first one for mixed blocks, none for short blocks; values
+// with mixed signs and magnitudes, and lines the butterflies do not touch left as they are.
+TEST(FastAntialias, BoundariesMatchEachPairByBit) {
+    auto state = std::make_unique<Layer3State>();
+    std::mt19937 rng(43);
+    std::uniform_real_distribution<double> unit(-1.0, 1.0);
+    struct Kind {
+        uint32_t block_type;
+        uint32_t mixed;
+        int boundaries;
+    };
+    for (const Kind kind : {Kind{0, 0, 31}, Kind{1, 0, 31}, Kind{3, 0, 31}, Kind{2, 1, 1},
+                            Kind{2, 0, 0}}) {
+        for (int round = 0; round < 20; ++round) {
+            GranuleInfo& gi = state->side_info.gr[round & 1][1];
+            gi = GranuleInfo{};
+            gi.block_type = kind.block_type;
+            gi.window_switching_flag = kind.block_type != 0 ? 1 : 0;
+            gi.mixed_block_flag = kind.mixed;
+            double x[576];
+            for (int i = 0; i < 576; ++i) x[i] = unit(rng) * (i % 3 == 0 ? 3.0e4 : 1.0);
+            double plain[576];
+            std::memcpy(plain, x, sizeof x);
+            for (int sb = 0; sb < kind.boundaries; ++sb) {
+                for (int i = 0; i < 8; ++i) {
+                    const double a = plain[18 * sb + 17 - i];
+                    const double b = plain[18 * sb + 18 + i];
+                    plain[18 * sb + 17 - i] = a * cs[i] - b * ca[i];
+                    plain[18 * sb + 18 + i] = b * cs[i] + a * ca[i];
+                }
+            }
+            antialias(*state, round & 1, 1, x);
+            ASSERT_TRUE(same_bits(plain, x, 576))
+                << "block type " << kind.block_type << " mixed " << kind.mixed;
+        }
+    }
+}
+
 // Middle/side alone takes a loop of its own; with intensity on but its bound above every band
 // the general loop treats every line as middle/side. Both must give the same bits.
 TEST(FastStereo, MiddleSideAloneMatchesTheGeneralLoop) {
