@@ -50,9 +50,11 @@ def dpi():
 PI = dpi()
 
 
-def dcos(x):
+def _taylor(x, first, i):
+    """Sum of first - first*x^2/((i+1)(i+2)) + ...: the series of cos (first 1, i 0) or of
+    sin (first x, i 1), to the working precision plus four digits."""
     getcontext().prec += 4
-    i, lasts, s, fact, num, sign = 0, 0, 1, 1, 1, 1
+    lasts, s, fact, num, sign = 0, first, 1, first, 1
     while s != lasts:
         lasts = s
         i += 2
@@ -62,20 +64,14 @@ def dcos(x):
         s += num / fact * sign
     getcontext().prec -= 4
     return +s
+
+
+def dcos(x):
+    return _taylor(x, Decimal(1), 0)
 
 
 def dsin(x):
-    getcontext().prec += 4
-    i, lasts, s, fact, num, sign = 1, 0, x, 1, x, 1
-    while s != lasts:
-        lasts = s
-        i += 2
-        fact *= i * (i - 1)
-        num *= x * x
-        sign *= -1
-        s += num / fact * sign
-    getcontext().prec -= 4
-    return +s
+    return _taylor(x, x, 1)
 
 
 def near(v):
