@@ -58,44 +58,32 @@ int cmd_convert(const std::string& in, const std::string& out, float gain) {
         std::fprintf(stderr, "kavo convert: cannot read '%s': %s\n", in.c_str(), why.c_str());
         return kExitFailed;
     }
-    PrivateDir work;
-    if (!work.ok()) {
-        std::fprintf(stderr, "kavo convert: cannot create a private working directory\n");
-        return kExitFailed;
-    }
     const std::string input = absolute_path(in);
     const bool show_bar = isatty(fileno(stderr)) != 0;
-    const int code = run_in_child(work.path(), [&]() {
-        // Empty paths and the gain -1.0 go to the library unchanged so that it decides.
-        const ConversionResult result = kavo(input.c_str(), out.empty() ? "" : kPrivateOutput, gain,
-                                             show_bar ? draw_progress : nullptr, 0);
-        if (show_bar && g_last_percent >= 0) std::fputc('\n', stderr);
-        return result.status == 1 ? 0 : result.status;
-    });
+    uintmax_t bytes = 0;
+    const int code = run_privately(
+        "convert", kPrivateOutput, out,
+        [&]() {
+            // Empty paths and the gain -1.0 go to the library unchanged so that it decides.
+            const ConversionResult result = kavo(input.c_str(), out.empty() ? "" : kPrivateOutput,
+                                                 gain, show_bar ? draw_progress : nullptr, 0);
+            if (show_bar && g_last_percent >= 0) std::fputc('\n', stderr);
+            return result.status == 1 ? 0 : result.status;
+        },
+        [&](const std::string& produced) {
+            std::error_code error;
+            bytes = std::filesystem::file_size(produced, error);
+            return error ? "cannot measure the result: " + error.message() : std::string();
+        });
     if (code >= 3 && code <= 6) {
         std::fprintf(stderr, "kavo convert: %s\n", refusal_text(code));
         return kExitUsage;
     }
-    if (code != 0) {
-        std::fprintf(
-            stderr,
-            "kavo convert: conversion of '%s' failed (exit code %d); '%s' was not written\n",
-            in.c_str(), code, out.c_str());
-        return kExitFailed;
-    }
-    std::error_code error;
-    const auto bytes = std::filesystem::file_size(work.file(kPrivateOutput), error);
-    const std::string moved = move_file(work.file(kPrivateOutput), out);
-    if (!moved.empty()) {
-        std::fprintf(stderr, "kavo convert: cannot write '%s': %s\n", out.c_str(), moved.c_str());
-        return kExitFailed;
-    }
-    if (!error) {
-        // 4000 bytes of codes per second of 8000 Hz audio.
-        std::fprintf(stderr, "kavo convert: wrote '%s': %ju bytes, %.2f s of 8000 Hz ADPCM\n",
-                     out.c_str(), static_cast<uintmax_t>(bytes),
-                     static_cast<double>(bytes) / 4000.0);
-    }
+    if (code > 0) report_not_written("convert", "conversion of", in, code, out);
+    if (code != 0) return kExitFailed;
+    // 4000 bytes of codes per second of 8000 Hz audio.
+    std::fprintf(stderr, "kavo convert: wrote '%s': %ju bytes, %.2f s of 8000 Hz ADPCM\n",
+                 out.c_str(), bytes, static_cast<double>(bytes) / 4000.0);
     return kExitOk;
 }
 

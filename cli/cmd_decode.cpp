@@ -26,27 +26,16 @@ int cmd_decode(const std::string& in, const std::string& out) {
         std::fprintf(stderr, "kavo decode: cannot read '%s': %s\n", in.c_str(), why.c_str());
         return kExitFailed;
     }
-    PrivateDir work;
-    if (!work.ok()) {
-        std::fprintf(stderr, "kavo decode: cannot create a private working directory\n");
-        return kExitFailed;
-    }
     const std::string input = absolute_path(in);
-    const int code = run_in_child(work.path(), [&]() {
+    const int code = run_privately("decode", name, out, [&]() {
         kavolib::decode_phase(input.c_str(), name.c_str(), nullptr, 0);
         return 0;
     });
-    if (code != 0) {
-        std::fprintf(stderr,
-                     "\nkavo decode: decoding '%s' failed (exit code %d); '%s' was not written\n",
-                     in.c_str(), code, out.c_str());
-        return kExitFailed;
+    if (code > 0) {
+        std::fputc('\n', stderr);  // the library's own message ends without a line end
+        report_not_written("decode", "decoding", in, code, out);
     }
-    const std::string moved = move_file(work.file(name), out);
-    if (!moved.empty()) {
-        std::fprintf(stderr, "kavo decode: cannot write '%s': %s\n", out.c_str(), moved.c_str());
-        return kExitFailed;
-    }
+    if (code != 0) return kExitFailed;
     return kExitOk;
 }
 

@@ -18,6 +18,7 @@ namespace kavocli {
 namespace {
 
 constexpr const char* kPrivateOutput = "output.adpcm";
+constexpr const char* kExpandedName = "output.wav";
 
 uint32_t le32(const unsigned char* p) {
     return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
@@ -94,35 +95,22 @@ int cmd_encode(const std::string& in, const std::string& out, float gain) {
         std::fprintf(stderr, "kavo encode: cannot encode '%s': %s\n", in.c_str(), why.c_str());
         return kExitFailed;
     }
-    PrivateDir work;
-    if (!work.ok()) {
-        std::fprintf(stderr, "kavo encode: cannot create a private working directory\n");
-        return kExitFailed;
-    }
     const std::string input = absolute_path(in);
-    const int code = run_in_child(work.path(), [&]() {
-        kavolib::adpcm_encode_file(input.c_str(), kPrivateOutput, gain, nullptr, 0);
-        return 0;
-    });
     // 80 bytes for every whole frame of 320 sample bytes; anything else means a failed write.
     const long long expected = bytes / 320 * 80;
-    if (code == 0 && size_of(work.file(kPrivateOutput)) != expected) {
-        std::fprintf(stderr,
-                     "kavo encode: writing the output failed (disk full?); '%s' was not written\n",
-                     out.c_str());
-        return kExitFailed;
-    }
-    if (code != 0) {
-        std::fprintf(stderr,
-                     "kavo encode: encoding '%s' failed (exit code %d); '%s' was not written\n",
-                     in.c_str(), code, out.c_str());
-        return kExitFailed;
-    }
-    const std::string moved = move_file(work.file(kPrivateOutput), out);
-    if (!moved.empty()) {
-        std::fprintf(stderr, "kavo encode: cannot write '%s': %s\n", out.c_str(), moved.c_str());
-        return kExitFailed;
-    }
+    const int code = run_privately(
+        "encode", kPrivateOutput, out,
+        [&]() {
+            kavolib::adpcm_encode_file(input.c_str(), kPrivateOutput, gain, nullptr, 0);
+            return 0;
+        },
+        [&](const std::string& produced) {
+            return size_of(produced) == expected
+                       ? std::string()
+                       : std::string("writing the output failed (disk full?)");
+        });
+    if (code > 0) report_not_written("encode", "encoding", in, code, out);
+    if (code != 0) return kExitFailed;
     return kExitOk;
 }
 
@@ -132,23 +120,17 @@ int cmd_expand(const std::string& in, const std::string& out) {
         std::fprintf(stderr, "kavo expand: cannot read '%s': %s\n", in.c_str(), why.c_str());
         return kExitFailed;
     }
-    PrivateDir work;
-    if (!work.ok()) {
-        std::fprintf(stderr, "kavo expand: cannot create a private working directory\n");
-        return kExitFailed;
-    }
-    const std::string result = work.file("output.wav");
-    const std::string failure = kavolib::adpcm_expand_file(in.c_str(), result.c_str());
-    if (!failure.empty()) {
+    const std::string input = absolute_path(in);
+    // Expansion reports its failures as text instead of ending the process; the child hands
+    // them on through its standard error and exit code.
+    const int code = run_privately("expand", kExpandedName, out, [&]() {
+        const std::string failure = kavolib::adpcm_expand_file(input.c_str(), kExpandedName);
+        if (failure.empty()) return 0;
         std::fprintf(stderr, "kavo expand: cannot expand '%s': %s; '%s' was not written\n",
                      in.c_str(), failure.c_str(), out.c_str());
-        return kExitFailed;
-    }
-    const std::string moved = move_file(result, out);
-    if (!moved.empty()) {
-        std::fprintf(stderr, "kavo expand: cannot write '%s': %s\n", out.c_str(), moved.c_str());
-        return kExitFailed;
-    }
+        return 1;
+    });
+    if (code != 0) return kExitFailed;
     return kExitOk;
 }
 

@@ -26,26 +26,13 @@ int run_stage(const char* command, const std::string& in, const std::string& out
         std::fprintf(stderr, "kavo %s: the output path is empty\n", command);
         return kExitUsage;
     }
-    PrivateDir work;
-    if (!work.ok()) {
-        std::fprintf(stderr, "kavo %s: cannot create a private working directory\n", command);
-        return kExitFailed;
-    }
     const std::string input = absolute_path(in);
-    const int code = run_in_child(work.path(), [&]() {
+    const int code = run_privately(command, kPrivateOutput, out, [&]() {
         stage(input.c_str(), kPrivateOutput);
         return 0;
     });
-    if (code != 0) {
-        std::fprintf(stderr, "kavo %s: conversion of '%s' failed (exit code %d); '%s' was not written\n",
-                     command, in.c_str(), code, out.c_str());
-        return kExitFailed;
-    }
-    const std::string moved = move_file(work.file(kPrivateOutput), out);
-    if (!moved.empty()) {
-        std::fprintf(stderr, "kavo %s: cannot write '%s': %s\n", command, out.c_str(), moved.c_str());
-        return kExitFailed;
-    }
+    if (code > 0) report_not_written(command, "conversion of", in, code, out);
+    if (code != 0) return kExitFailed;
     return kExitOk;
 }
 

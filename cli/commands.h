@@ -17,7 +17,4 @@ int cmd_resample(const std::string& in, const std::string& out);
 int cmd_encode(const std::string& in, const std::string& out, float gain);
 int cmd_expand(const std::string& in, const std::string& out);
 
-// For a stage that this build does not contain yet: says so and returns kExitUsage.
-int not_built(const char* command, const char* what);
-
 }  // namespace kavocli

@@ -17,8 +17,8 @@ namespace fs = std::filesystem;
 
 PrivateDir::PrivateDir() {
     const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") +
-                          "/kavo-XXXXXX";
+    std::string pattern =
+        std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") + "/kavo-XXXXXX";
     if (mkdtemp(pattern.data()) != nullptr) path_ = pattern;
 }
 
@@ -80,6 +80,39 @@ bool readable(const std::string& path, std::string& why) {
     }
     std::fclose(file);
     return true;
+}
+
+int run_privately(const char* command, const std::string& produced, const std::string& out,
+                  const std::function<int()>& stage,
+                  const std::function<std::string(const std::string& path)>& check) {
+    PrivateDir work;
+    if (!work.ok()) {
+        std::fprintf(stderr, "kavo %s: cannot create a private working directory\n", command);
+        return kPrivateRunFailed;
+    }
+    const int code = run_in_child(work.path(), stage);
+    if (code != 0) return code;
+    if (check) {
+        const std::string wrong = check(work.file(produced));
+        if (!wrong.empty()) {
+            std::fprintf(stderr, "kavo %s: %s; '%s' was not written\n", command, wrong.c_str(),
+                         out.c_str());
+            return kPrivateRunFailed;
+        }
+    }
+    const std::string moved = move_file(work.file(produced), out);
+    if (!moved.empty()) {
+        std::fprintf(stderr, "kavo %s: cannot write '%s': %s\n", command, out.c_str(),
+                     moved.c_str());
+        return kPrivateRunFailed;
+    }
+    return 0;
+}
+
+void report_not_written(const char* command, const char* doing, const std::string& in, int code,
+                        const std::string& out) {
+    std::fprintf(stderr, "kavo %s: %s '%s' failed (exit code %d); '%s' was not written\n", command,
+                 doing, in.c_str(), code, out.c_str());
 }
 
 }  // namespace kavocli

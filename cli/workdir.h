@@ -11,7 +11,7 @@ namespace kavocli {
 
 // A fresh directory under $TMPDIR (or /tmp), removed with everything in it on destruction.
 class PrivateDir {
-public:
+  public:
     PrivateDir();
     ~PrivateDir();
     PrivateDir(const PrivateDir&) = delete;
@@ -20,7 +20,7 @@ public:
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
 
-private:
+  private:
     std::string path_;
 };
 
@@ -41,5 +41,22 @@ std::string move_file(const std::string& from, const std::string& to);
 
 // True when the file can be opened for reading; otherwise fills why.
 bool readable(const std::string& path, std::string& why);
+
+// What run_privately returns besides the child's own exit code (0 when the output is in place).
+inline constexpr int kPrivateRunFailed = -1;
+
+// The way every subcommand runs a library stage: stage runs in a child process inside a fresh
+// private directory, where it writes the file named produced; when the child exits with 0 and
+// check (if given) finds nothing wrong with the produced file (it returns an empty text), the
+// file is moved to out. Returns 0 when out holds the result, the child's exit code when the
+// stage failed (nothing is printed: the caller knows what that code means), or
+// kPrivateRunFailed after printing "kavo <command>: ..." for a failure of its own.
+int run_privately(const char* command, const std::string& produced, const std::string& out,
+                  const std::function<int()>& stage,
+                  const std::function<std::string(const std::string& path)>& check = {});
+
+// "kavo <command>: <doing> '<in>' failed (exit code <code>); '<out>' was not written".
+void report_not_written(const char* command, const char* doing, const std::string& in, int code,
+                        const std::string& out);
 
 }  // namespace kavocli
