@@ -3,6 +3,7 @@
 // channel; a granule that cannot be decoded is concealed (repeated or silenced).
 #include <cmath>
 #include <cstring>
+#include <memory>
 
 #include "layer3/layer3.h"
 #include "layer3/layer3_stages.h"
@@ -14,6 +15,18 @@ namespace kavolib {
 namespace {
 Layer3State g_layer3_state;
 
+// x^(4/3) for the table's magnitudes, computed once per process and copied into each state.
+const double* pow43_values() {
+    static const auto table = [] {
+        auto values = std::make_unique<double[]>(kPow43Size);
+        for (size_t i = 0; i < kPow43Size; ++i) {
+            values[i] = std::pow(static_cast<double>(i), 4.0 / 3.0);
+        }
+        return values;
+    }();
+    return table.get();
+}
+
 void fill_zero(double* buffer) { std::memset(buffer, 0, sizeof(double) * kGranuleLines); }
 }  // namespace
 
@@ -23,9 +36,7 @@ void layer3_reset(Layer3State& state) { state.first_use_done = false; }
 
 void granule_setup(Layer3State& state, const FrameHeader& header, int32_t granule) {
     if (!state.first_use_done) {
-        for (int32_t i = 0; i < kPow43Size; ++i) {
-            state.pow43[i] = std::pow(static_cast<double>(i), 4.0 / 3.0);
-        }
+        std::memcpy(state.pow43, pow43_values(), sizeof state.pow43);
         for (PreviousBlock& previous : state.previous_block) previous = PreviousBlock{};
         state.reservoir_bits = 0;
         state.last_mode = -1;

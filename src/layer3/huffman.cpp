@@ -2,6 +2,8 @@
 // regions of pairs, then count1 quadruples until part2_3_length is used up; the cursor ends
 // exactly at the end of the channel's data, and the bits are charged to the reservoir.
 #include <algorithm>
+#include <bit>
+#include <cstring>
 #include <cstdio>
 
 #include "layer3/layer3_stages.h"
@@ -73,88 +75,238 @@ int32_t clamped_bound(const int32_t* long_bounds, uint32_t band) {
     return long_bounds[std::min<uint32_t>(band, 22u)];
 }
 
-// The 64 bits from the cursor, first bit most significant: at least 57 of them are the
-// stream's (the bit offset is at most 7), more than one pair or quadruple ever uses (a 19-bit
-// code word and two 13-bit escapes with their signs make 47).
-inline uint64_t peek64(const BitReader& reader) {
-    const uint8_t* bytes = reader.cursor.buffer;
-    int32_t index = reader.cursor.byte_index;
-    uint64_t acc = 0;
-    if (index <= kStreamBufferSize - 8) {
-        for (int b = 0; b < 8; ++b) acc = (acc << 8) | bytes[index + b];
-    } else {
-        for (int b = 0; b < 8; ++b) {
-            acc = (acc << 8) | bytes[index];
-            index = bitstream_detail::next_index(index);
+// The pair decoder's view of a short code word: the two values, the code word's length and
+// the bits the whole pair takes (code word, escapes of values 15 in a table with linbits, and a
+// sign bit per nonzero value), so that the next pair's position is known from one lookup.
+struct PairCode {
+    uint8_t x;
+    uint8_t y;
+    uint8_t length;
+    uint8_t total;
+};
+
+PairCode pair_code(uint32_t entry, int linbits) {
+    PairCode code{};
+    code.x = static_cast<uint8_t>((entry >> 4) & 15u);
+    code.y = static_cast<uint8_t>(entry & 15u);
+    code.length = static_cast<uint8_t>(entry_length(entry));
+    int total = code.length + (code.x != 0) + (code.y != 0);
+    if (linbits != 0) total += linbits * ((code.x == 15) + (code.y == 15));
+    code.total = static_cast<uint8_t>(total);
+    return code;
+}
+
+// The quadruple decoder's view: the code word's length, the nonzero values (bit i for value i)
+// and the bits the quadruple takes with its signs.
+struct QuadCode {
+    uint8_t length;
+    uint8_t nonzero;
+    uint8_t total;
+};
+
+struct FastCodes {
+    PairCode pair[kHuffmanSlots][1 << kShortCodeBits];
+    bool pair_short[kHuffmanSlots][1 << kShortCodeBits];
+    QuadCode quad[2][1 << kShortCodeBits];
+    // The four values of a quadruple as bytes (value i in byte i) for each set of nonzero
+    // values and the four bits after the code word (its signs, first value first).
+    uint32_t quad_values[16][16];
+    int32_t most_pair_bits[kHuffmanSlots];
+};
+
+FastCodes make_fast_codes() {
+    FastCodes fast{};
+    for (int32_t slot = 0; slot < kHuffmanSlots; ++slot) {
+        const int linbits = kHuffmanTables[slot].linbits;
+        for (int i = 0; i < (1 << kShortCodeBits); ++i) {
+            const uint32_t entry = kShortCodes.entry[slot][i];
+            fast.pair_short[slot][i] = entry != kNoShortCode;
+            if (entry != kNoShortCode) fast.pair[slot][i] = pair_code(entry, linbits);
+        }
+        int32_t most = 0;
+        const HuffmanTable& codes = kHuffmanTables[slot];
+        for (int32_t e = 0; e < codes.count; ++e) {
+            most = std::max<int32_t>(most, pair_code(codes.codes[e], linbits).total);
+        }
+        // Every lookup ends at an entry of the table, even for a stream that matches none.
+        fast.most_pair_bits[slot] = most;
+    }
+    for (int32_t t = 0; t < 2; ++t) {
+        for (int i = 0; i < (1 << kShortCodeBits); ++i) {
+            const uint32_t entry = kShortCodes.entry[32 + t][i];
+            if (entry == kNoShortCode) continue;  // never: both tables have short code words
+            QuadCode& code = fast.quad[t][i];
+            code.length = static_cast<uint8_t>(entry_length(entry));
+            code.nonzero = 0;
+            for (int v = 0; v < 4; ++v) {
+                if (((entry >> (3 - v)) & 1u) != 0) code.nonzero |= static_cast<uint8_t>(1 << v);
+            }
+            code.total = static_cast<uint8_t>(code.length + std::popcount(code.nonzero));
         }
     }
-    return acc << reader.cursor.bit_offset;
+    for (uint32_t nonzero = 0; nonzero < 16; ++nonzero) {
+        for (uint32_t signs = 0; signs < 16; ++signs) {
+            uint32_t packed = 0;
+            int next = 3;
+            for (int v = 0; v < 4; ++v) {
+                if (((nonzero >> v) & 1u) == 0) continue;
+                const uint8_t value = ((signs >> next--) & 1u) != 0 ? 0xFFu : 0x01u;
+                packed |= uint32_t{value} << (8 * v);
+            }
+            fast.quad_values[nonzero][signs] = packed;
+        }
+    }
+    return fast;
 }
 
-// The entry of the code word at the top of window (as huffman_lookup finds it).
-inline uint32_t window_entry(uint64_t window, int32_t slot) {
-    const uint32_t entry = kShortCodes.entry[slot][window >> (64 - kShortCodeBits)];
-    if (entry != kNoShortCode) return entry;
-    return huffman_entry_search(slot, static_cast<uint32_t>(window >> (64 - 19)));
+const FastCodes kFast = make_fast_codes();
+
+// The stream from a byte on as one run of bytes. Every bit the decoder may read from there is
+// in the first count bytes; when they wrap around the circular buffer's end they are copied
+// in order into scratch (count at most kStreamBufferSize + 8).
+const uint8_t* linear_bytes(const BitReader& reader, int32_t count, uint8_t* scratch) {
+    const uint8_t* bytes = reader.cursor.buffer;
+    int32_t index = reader.cursor.byte_index;
+    if (index + count <= kStreamBufferSize) return bytes + index;
+    int32_t done = 0;
+    while (done < count) {
+        const int32_t run = std::min(count - done, kStreamBufferSize - index);
+        std::memcpy(scratch + done, bytes + index, static_cast<size_t>(run));
+        done += run;
+        index = 0;
+    }
+    return scratch;
 }
 
-// One value of a pair from the window: the escape bits when the value is 15, then the sign.
-inline int32_t window_value(uint64_t& window, int32_t& used, int32_t value, int linbits) {
-    if (value == 15 && linbits != 0) {
-        value += static_cast<int32_t>(window >> (64 - linbits));
-        window <<= linbits;
-        used += linbits;
+// The 64 bits from a bit position in a run of bytes, first bit most significant: at least 57
+// of them are the stream's.
+inline uint64_t window_at(const uint8_t* bytes, int32_t position) {
+    uint64_t word = 0;
+    std::memcpy(&word, bytes + (position >> 3), sizeof word);
+    if constexpr (std::endian::native == std::endian::little) word = __builtin_bswap64(word);
+    return word << (position & 7);
+}
+
+// A bit position in a run of bytes.
+struct LinearBits {
+    const uint8_t* bytes;
+    int32_t position;
+
+    uint64_t window() const { return window_at(bytes, position); }
+};
+
+// The pair's values: each value of 15 takes its escape bits when the table has them, each
+// nonzero value its sign bit, in the order of huffman_pair (no branch on the data).
+template <bool kEscapes>
+__attribute__((always_inline)) inline int32_t pair_value(uint64_t& window, int32_t value,
+                                                         int linbits) {
+    if (kEscapes) {
+        const bool escape = value == 15;
+        const auto extra = static_cast<int32_t>(window >> (64 - linbits));
+        value += escape ? extra : 0;
+        window = escape ? window << linbits : window;
     }
-    if (value != 0) {
-        if ((window >> 63) != 0) value = -value;
-        window <<= 1;
-        ++used;
+    const int32_t nonzero = value != 0;
+    const int32_t negative = nonzero & static_cast<int32_t>(window >> 63);
+    window <<= nonzero;
+    return (value ^ -negative) + negative;
+}
+
+// kPerWindow pairs decoded from one 64-bit window: the caller makes sure that the bits of all
+// of them, and the 19 bits a search of the last one looks at, are among the window's 57.
+template <bool kEscapes, int kPerWindow>
+void pairs_linear(LinearBits& bits, int32_t slot, double* out, int32_t count) {
+    const int linbits = kHuffmanTables[slot].linbits;
+    const PairCode* codes = kFast.pair[slot];
+    const bool* short_code = kFast.pair_short[slot];
+    const uint8_t* bytes = bits.bytes;
+    int32_t position = bits.position;
+    int32_t p = 0;
+    const auto one_pair = [&](uint64_t& window) {
+        const auto top = static_cast<uint32_t>(window >> (64 - kShortCodeBits));
+        PairCode code = codes[top];
+        if (!short_code[top]) {
+            code = pair_code(huffman_entry_search(slot, static_cast<uint32_t>(window >> (64 - 19))),
+                             linbits);
+        }
+        position += code.total;
+        uint64_t rest = window << code.length;
+        window <<= code.total;
+        const int32_t x = pair_value<kEscapes>(rest, code.x, linbits);
+        const int32_t y = pair_value<kEscapes>(rest, code.y, linbits);
+        out[2 * p] = x;
+        out[2 * p + 1] = y;
+        ++p;
+    };
+    while (p + kPerWindow <= count) {
+        uint64_t window = window_at(bytes, position);
+#pragma GCC unroll 4
+        for (int k = 0; k < kPerWindow; ++k) one_pair(window);
     }
-    return value;
+    while (p < count) {
+        uint64_t window = window_at(bytes, position);
+        one_pair(window);
+    }
+    bits.position = position;
+}
+
+void decode_pairs_linear(LinearBits& bits, int32_t slot, double* out, int32_t count) {
+    const int32_t most = kFast.most_pair_bits[slot];
+    if (kHuffmanTables[slot].linbits != 0) {
+        if (2 * most <= 57 && most + 19 <= 57) {
+            pairs_linear<true, 2>(bits, slot, out, count);
+        } else {
+            pairs_linear<true, 1>(bits, slot, out, count);
+        }
+    } else if (3 * most <= 57 && 2 * most + 19 <= 57) {
+        pairs_linear<false, 3>(bits, slot, out, count);
+    } else {
+        pairs_linear<false, 2>(bits, slot, out, count);  // most is at most 21 here
+    }
+}
+
+// One quadruple of table 32 + t from the top of window (at least 10 bits of it the stream's);
+// its four values as bytes (value i in byte i). Returns the bits taken.
+inline int32_t quad_from(uint64_t window, int32_t t, uint32_t& values) {
+    const QuadCode code = kFast.quad[t][window >> (64 - kShortCodeBits)];
+    const auto signs = static_cast<uint32_t>((window << code.length) >> 60);
+    values = kFast.quad_values[code.nonzero][signs];
+    return code.total;
+}
+
+inline int32_t quad_byte(uint32_t values, int i) {
+    return static_cast<int8_t>(static_cast<uint8_t>(values >> (8 * i)));
+}
+
+// Bytes that count pairs of the slot may read from a bit offset of at most 7, window included.
+int32_t pair_bytes(int32_t slot, int32_t count) {
+    return (7 + count * kFast.most_pair_bits[slot] + 64 + 7) / 8;
 }
 }  // namespace
 
-// Pairs with the reader's bits taken 64 at a time: the same code words, escapes and signs in
-// the same order as huffman_pair, and the cursor moved once per pair.
+// Pairs decoded from a linear run of the stream, each pair's bits found by one lookup: the same
+// code words, escapes and signs in the same order as huffman_pair.
 void huffman_pairs(BitReader& reader, int32_t slot, double* out, int32_t count) {
-    const int linbits = kHuffmanTables[slot].linbits;
-    for (int32_t p = 0; p < count; ++p) {
-        uint64_t window = peek64(reader);
-        const uint32_t entry = window_entry(window, slot);
-        int32_t used = static_cast<int32_t>(entry_length(entry));
-        window <<= used;
-        const int32_t x = window_value(window, used, static_cast<int32_t>((entry >> 4) & 15u), linbits);
-        const int32_t y = window_value(window, used, static_cast<int32_t>(entry & 15u), linbits);
-        bitunp_skip(reader, used);
-        out[2 * p] = x;
-        out[2 * p + 1] = y;
-    }
+    uint8_t scratch[kStreamBufferSize + 8];
+    LinearBits bits{linear_bytes(reader, std::min(pair_bytes(slot, count), kStreamBufferSize + 8),
+                                 scratch),
+                    reader.cursor.bit_offset};
+    decode_pairs_linear(bits, slot, out, count);
+    bitunp_skip(reader, bits.position - reader.cursor.bit_offset);
 }
 
-// One quadruple as huffman_quad decodes it, from one 64-bit window.
+// One quadruple as huffman_quad decodes it.
 int32_t huffman_quad_fast(BitReader& reader, int32_t slot, int32_t values[4]) {
-    uint64_t window = peek64(reader);
-    const uint32_t entry = window_entry(window, slot);
-    int32_t used = static_cast<int32_t>(entry_length(entry));
-    window <<= used;
-    for (int32_t i = 0; i < 4; ++i) {
-        int32_t v = static_cast<int32_t>((entry >> (3 - i)) & 1u);
-        if (v != 0) {
-            if ((window >> 63) != 0) v = -v;
-            window <<= 1;
-            ++used;
-        }
-        values[i] = v;
-    }
+    uint8_t scratch[16];
+    LinearBits bits{linear_bytes(reader, 16, scratch), reader.cursor.bit_offset};
+    uint32_t packed = 0;
+    const int32_t used = quad_from(bits.window(), slot - 32, packed);
+    for (int i = 0; i < 4; ++i) values[i] = quad_byte(packed, i);
     bitunp_skip(reader, used);
     return used;
 }
 
 namespace {
-void decode_pairs(BitReader& reader, uint32_t slot, double* out, int32_t begin, int32_t end) {
-    huffman_pairs(reader, static_cast<int32_t>(slot), out + begin, (end - begin + 1) / 2);
-}
-
 void find_intensity_bound(Layer3State& state, const GranuleInfo& gi) {
     const double* values = state.spectrum;
     const int32_t* lb = state.long_bounds;
@@ -279,27 +431,55 @@ void huffman_decode(Layer3State& state, BitReader& reader, int32_t granule, int3
             r2 = std::min(clamped_bound(lb, gi.region0_count + gi.region1_count + 2), big);
         }
     }
-    // All region ends are even line numbers, so the pairs fill exactly [0, big).
-    decode_pairs(reader, gi.table_select[0], out, 0, r1);
-    if (r1 < r2) decode_pairs(reader, gi.table_select[1], out, r1, r2);
-    if (gi.window_switching_flag == 0 && r2 < big) {
-        decode_pairs(reader, gi.table_select[2], out, r2, big);
-    }
-    int32_t i = big;
-
     const BitPosition& start = state.part2_start;
     const int32_t bytes =
         ((reader.cursor.byte_index - start.byte_index) % kStreamBufferSize + kStreamBufferSize) %
         kStreamBufferSize;
     int32_t used = bytes * 8 - start.bit_offset + reader.cursor.bit_offset;
     const int32_t length = static_cast<int32_t>(gi.part2_3_length);
-    const int32_t quad_slot = 32 + static_cast<int32_t>(gi.count1table_select & 1u);
-    while (used < length && i < kGranuleLines) {
-        int32_t values[4];
-        used += huffman_quad_fast(reader, quad_slot, values);
-        for (int32_t j = 0; j < 4 && i + j < kGranuleLines; ++j) out[i + j] = values[j];
-        i += 4;
+
+    // Every bit this channel's values may read, as one run of bytes: the pairs take at most
+    // their tables' longest pair each, the quadruples end within 10 bits of part2_3_length.
+    const uint32_t slot0 = gi.table_select[0];
+    const uint32_t slot1 = gi.table_select[1];
+    const uint32_t slot2 = gi.window_switching_flag == 0 ? gi.table_select[2] : 0u;
+    const int32_t pair_bits = (r1 / 2) * kFast.most_pair_bits[slot0] +
+                              ((r2 - r1) / 2) * kFast.most_pair_bits[slot1] +
+                              ((big - r2) / 2) * kFast.most_pair_bits[slot2];
+    const int32_t reach = 7 + std::max(pair_bits, std::max(length - used, 0) + 10) + 64;
+    uint8_t scratch[kStreamBufferSize + 8];
+    LinearBits bits{
+        linear_bytes(reader, std::min((reach + 7) / 8, kStreamBufferSize + 8), scratch),
+        reader.cursor.bit_offset};
+
+    // All region ends are even line numbers, so the pairs fill exactly [0, big).
+    decode_pairs_linear(bits, static_cast<int32_t>(slot0), out, r1 / 2);
+    if (r1 < r2) decode_pairs_linear(bits, static_cast<int32_t>(slot1), out + r1, (r2 - r1) / 2);
+    if (gi.window_switching_flag == 0 && r2 < big) {
+        decode_pairs_linear(bits, static_cast<int32_t>(slot2), out + r2, (big - r2) / 2);
     }
+    int32_t i = big;
+    used += bits.position - reader.cursor.bit_offset;
+
+    // Quadruples take at most 10 bits each: five from each 64-bit window.
+    const int32_t quad_table = static_cast<int32_t>(gi.count1table_select & 1u);
+    while (used < length && i < kGranuleLines) {
+        uint64_t window = bits.window();
+        for (int32_t k = 0; k < 5 && used < length && i < kGranuleLines; ++k) {
+            uint32_t values = 0;
+            const int32_t taken = quad_from(window, quad_table, values);
+            window <<= taken;
+            bits.position += taken;
+            used += taken;
+            if (i + 4 <= kGranuleLines) {
+                for (int32_t j = 0; j < 4; ++j) out[i + j] = quad_byte(values, j);
+            } else {
+                for (int32_t j = 0; i + j < kGranuleLines; ++j) out[i + j] = quad_byte(values, j);
+            }
+            i += 4;
+        }
+    }
+    bitunp_skip(reader, bits.position - reader.cursor.bit_offset);
     const int32_t d = length - used;
     if (d > 0) {
         bitunp_skip(reader, d);

@@ -8,7 +8,7 @@
 
 #include "layer3/layer3_stages.h"
 #include "layer3/layer3_tables.h"
-#include "layer3/simd.h"
+#include "simd/simd.h"
 #include "platform/platform.h"
 
 namespace kavolib {
@@ -245,29 +245,11 @@ __attribute__((always_inline)) inline void imdct_window_overlap(const T* input, 
 }
 }  // namespace
 
-void pre_twiddle(const double* input, const double* cosines, const double* sines, double* re,
-                 double* im, int32_t m) {
-    pre_twiddle_of(input, cosines, sines, re, im, m);
-}
-
-void dft3(double* re, double* im) {
-    butterfly3(re, im, 0, 1, 2);
-}
-
-void dft9(double* re, double* im) {
-    dft9_of(re, im);
-}
-
-void post_twiddle(double* re, double* im, const double* cosines, const double* sines, int32_t m) {
-    post_twiddle_of(re, im, cosines, sines, m);
-}
-
 namespace {
 // The butterflies of one boundary between subbands, four pairs at a time: lanes h..h + 3 take
 // the lower values in reverse (lower[-h] first), so each lane computes the scalar expressions
 // of its pair.
-KAVO_VECTOR_CLONES void antialias_boundaries(double* x, int32_t boundaries) {
-    const Long4 reverse = {3, 2, 1, 0};
+__attribute__((always_inline)) inline void antialias_body(double* x, int32_t boundaries) {
     for (int32_t s = 0; s < boundaries; ++s) {
         double* lower = x + 18 * s + 17;
         double* upper = x + 18 * s + 18;
@@ -278,24 +260,32 @@ KAVO_VECTOR_CLONES void antialias_boundaries(double* x, int32_t boundaries) {
             Double4 c;
             Double4 d;
             std::memcpy(&a, lower - h - 3, sizeof a);
-            a = __builtin_shuffle(a, reverse);
+            a = __builtin_shufflevector(a, a, 3, 2, 1, 0);
             std::memcpy(&b, upper + h, sizeof b);
             std::memcpy(&c, cs + h, sizeof c);
             std::memcpy(&d, ca + h, sizeof d);
-            const Double4 new_lower = __builtin_shuffle(a * c - b * d, reverse);
+            const Double4 product = a * c - b * d;
+            const Double4 new_lower = __builtin_shufflevector(product, product, 3, 2, 1, 0);
             const Double4 new_upper = b * c + a * d;
             std::memcpy(lower - h - 3, &new_lower, sizeof new_lower);
             std::memcpy(upper + h, &new_upper, sizeof new_upper);
         }
     }
 }
+KAVO_AVX2 void antialias_avx2(double* x, int32_t boundaries) { antialias_body(x, boundaries); }
+
+void antialias_plain(double* x, int32_t boundaries) { antialias_body(x, boundaries); }
 }  // namespace
 
 void antialias(const Layer3State& state, int32_t granule, int32_t channel, double* x) {
     const GranuleInfo& gi = state.side_info.gr[granule][channel];
     int32_t boundaries = 31;
     if (gi.block_type == 2) boundaries = gi.mixed_block_flag != 0 ? 1 : 0;
-    antialias_boundaries(x, boundaries);
+    if (use_avx2()) {
+        antialias_avx2(x, boundaries);
+    } else {
+        antialias_plain(x, boundaries);
+    }
 }
 
 void imdct_subband(const double* input, double* overlap, double* output, uint32_t block_type,
@@ -315,7 +305,7 @@ void imdct_subband(const double* input, double* overlap, double* output, uint32_
 namespace {
 // imdct_subband for the four subbands s0 to s0 + 3 at once (one subband per lane), all of the
 // same block type and previous block type.
-KAVO_VECTOR_CLONES void imdct_four_subbands(const double* input, double (*overlap)[32],
+__attribute__((always_inline)) inline void imdct_four_subbands(const double* input, double (*overlap)[32],
                                             double* output, int s0, uint32_t block_type,
                                             uint32_t previous_block_type) {
     Double4 o[9];
@@ -345,6 +335,16 @@ KAVO_VECTOR_CLONES void imdct_four_subbands(const double* input, double (*overla
         std::memcpy(output + 32 * n + s0, &v, sizeof v);
     }
 }
+
+KAVO_AVX2 void imdct_four_subbands_avx2(const double* input, double (*overlap)[32], double* output,
+                                        int s0, uint32_t block_type, uint32_t previous_block_type) {
+    imdct_four_subbands(input, overlap, output, s0, block_type, previous_block_type);
+}
+
+void imdct_four_subbands_plain(const double* input, double (*overlap)[32], double* output, int s0,
+                               uint32_t block_type, uint32_t previous_block_type) {
+    imdct_four_subbands(input, overlap, output, s0, block_type, previous_block_type);
+}
 }  // namespace
 
 void hybrid_synthesis(Layer3State& state, int32_t granule, int32_t channel, const double* x) {
@@ -369,8 +369,13 @@ void hybrid_synthesis(Layer3State& state, int32_t granule, int32_t channel, cons
         }
         if (previous.block_type > 3) unknown_block_type("Unknown block_type_prev");
         if (gi.block_type > 3) unknown_block_type("Unknown block_type");
-        imdct_four_subbands(x + 18 * s0, overlap, state.spectrum, s0, gi.block_type,
-                            previous.block_type);
+        if (use_avx2()) {
+            imdct_four_subbands_avx2(x + 18 * s0, overlap, state.spectrum, s0, gi.block_type,
+                                     previous.block_type);
+        } else {
+            imdct_four_subbands_plain(x + 18 * s0, overlap, state.spectrum, s0, gi.block_type,
+                                      previous.block_type);
+        }
     }
     previous.block_type = gi.block_type;
     previous.window_switching_flag = gi.window_switching_flag;

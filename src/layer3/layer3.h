@@ -12,7 +12,7 @@ namespace kavolib {
 
 struct Layer3State;
 
-// The module-level decoder state used by codec_command.
+// The module-level decoder state used by the codec command dispatcher.
 Layer3State& layer3_state();
 
 // Codec command 0: the next granule starts a new stream (tables rebuilt, state cleared).

@@ -50,11 +50,6 @@ void antialias(const Layer3State& state, int32_t granule, int32_t channel, doubl
 void hybrid_synthesis(Layer3State& state, int32_t granule, int32_t channel, const double* x);
 void imdct_subband(const double* input, double* overlap, double* output, uint32_t block_type,
                    uint32_t previous_block_type, int32_t subband);
-void pre_twiddle(const double* input, const double* cosines, const double* sines, double* re,
-                 double* im, int32_t m);
-void dft9(double* re, double* im);
-void dft3(double* re, double* im);
-void post_twiddle(double* re, double* im, const double* cosines, const double* sines, int32_t m);
 
 void synthesize_granule(Layer3State& state, int32_t channel, double* out);
 void synthesize_slot(const double* slot, double* history, double* out);

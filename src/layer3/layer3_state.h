@@ -49,11 +49,13 @@ struct PreviousBlock {
 
 // The polyphase history of one channel as the windowing reads it: each slot's 32 matrix outputs
 // h[0..31] are stored as 64 values, h reversed at 0..31 and h in order at 32..63, so that every
-// output's terms are contiguous in the output index. The 16 live slots sit in a ring that is
-// written twice (at n and n + 16), so that the slots from the newest back are always consecutive.
+// output's terms are contiguous in the output index. The slots lie newest first, so that the 16
+// slots a window reads are always consecutive: each granule's 18 go just before the 15 that
+// its windows still need, and when the buffer's start is reached those 15 move to its end.
+inline constexpr int32_t kSynthesisSlots = 15 + 4 * 18;
 struct SynthesisRing {
-    alignas(64) double slots[32][64];
-    int32_t newest;  // the newest slot is slots[newest], the one t slots back slots[newest + t]
+    alignas(64) double slots[kSynthesisSlots][64];
+    int32_t newest;  // where the last granule's newest slot lies (the zeroed state: 0)
 };
 
 struct Layer3State {

@@ -11,6 +11,7 @@
 
 #include "layer3/layer3_stages.h"
 #include "layer3/layer3_tables.h"
+#include "simd/simd.h"
 
 namespace kavolib {
 
@@ -59,7 +60,7 @@ void scale_run_plain(const double* table, double* values, int32_t count, double 
 // their powers fetched by one gather, the product with the gain, and the sign bit flipped for
 // negative values. Four lines with a magnitude beyond the table (or a value too large for an
 // integer) take the plain form, as does the tail.
-__attribute__((target("avx2"))) void scale_run_avx2(const double* table, double* values,
+KAVO_AVX2 void scale_run_avx2(const double* table, double* values,
                                                     int32_t count, double gain) {
     const __m256d g = _mm256_set1_pd(gain);
     const __m128i last = _mm_set1_epi32(kPow43Size - 1);
@@ -84,12 +85,11 @@ __attribute__((target("avx2"))) void scale_run_avx2(const double* table, double*
     scale_run_plain(table, values + i, count - i, gain);
 }
 
-const bool kHaveAvx2 = __builtin_cpu_supports("avx2");
 #endif
 
 void scale_run(const double* table, double* values, int32_t count, double gain) {
 #if defined(__x86_64__)
-    if (kHaveAvx2) {
+    if (use_avx2()) {
         scale_run_avx2(table, values, count, gain);
         return;
     }

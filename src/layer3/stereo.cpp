@@ -6,6 +6,7 @@
 
 #include "layer3/layer3_stages.h"
 #include "layer3/layer3_tables.h"
+#include "simd/simd.h"
 
 namespace kavolib {
 
@@ -69,6 +70,20 @@ void enter_intensity_positions(Layer3State& state, const GranuleInfo& gi, double
         for (int32_t i = lb[21]; i < kGranuleLines; ++i) is_pos[i] = position;
     }
 }
+// Each line's middle and side become left and right. The two channels are separate buffers.
+__attribute__((always_inline)) inline void middle_side_body(double* __restrict left,
+                                                            double* __restrict right) {
+    for (int32_t i = 0; i < kGranuleLines; ++i) {
+        const double l = left[i];
+        const double r = right[i];
+        left[i] = (r + l) * kMsFactor;
+        right[i] = (l - r) * kMsFactor;
+    }
+}
+
+KAVO_AVX2 void middle_side_avx2(double* left, double* right) { middle_side_body(left, right); }
+
+void middle_side_plain(double* left, double* right) { middle_side_body(left, right); }
 }  // namespace
 
 void reorder(Layer3State& state, int32_t granule, int32_t channel, double* dst) {
@@ -87,21 +102,20 @@ void reorder(Layer3State& state, int32_t granule, int32_t channel, double* dst) 
 void stereo_process(Layer3State& state, const FrameHeader& header, int32_t granule, double* left,
                     double* right) {
     if (state.ms_stereo == 0 && state.is_stereo == 0) return;
-    double* is_pos = state.spectrum;
-    for (int32_t i = 0; i < kGranuleLines; ++i) is_pos[i] = kNotIntensity;
-    if (state.is_stereo == 1) enter_intensity_positions(state, state.side_info.gr[granule][1], is_pos);
-
     const bool ms = state.ms_stereo == 1;
     if (state.is_stereo != 1) {
         // Middle/side alone: every line takes the same two sums; a loop without branches.
-        for (int32_t i = 0; i < kGranuleLines; ++i) {
-            const double l = left[i];
-            const double r = right[i];
-            left[i] = (r + l) * kMsFactor;
-            right[i] = (l - r) * kMsFactor;
+        if (use_avx2()) {
+            middle_side_avx2(left, right);
+        } else {
+            middle_side_plain(left, right);
         }
         return;
     }
+    double* is_pos = state.spectrum;
+    for (int32_t i = 0; i < kGranuleLines; ++i) is_pos[i] = kNotIntensity;
+    enter_intensity_positions(state, state.side_info.gr[granule][1], is_pos);
+
     const bool mpeg1 = header.id == 1;
     const double* lsf_row = LsfIntensityFactor[state.scale_factors.intensity_scale & 1u];
     for (int32_t i = 0; i < kGranuleLines; ++i) {

@@ -9,7 +9,7 @@
 
 #include "layer3/layer3_stages.h"
 #include "layer3/layer3_tables.h"
-#include "layer3/simd.h"
+#include "simd/simd.h"
 
 namespace kavolib {
 
@@ -210,14 +210,23 @@ __attribute__((always_inline)) inline void matrix_core(const T* slot, T* r) {
     }
 }
 
-// Four consecutive slots (32 values apart in slots) matrixed at once; slot l's extended form
-// goes to e[l]. The loops are unrolled so that the order table is read at compile time.
-KAVO_VECTOR_CLONES void matrix_four_slots(const double* slots, double (*e)[64]) {
+// Up to four consecutive slots (32 values apart in slots) matrixed at once, one per lane; slot
+// l's extended form goes to to - 64 l (the history lies newest first). The loops are unrolled
+// so that the order table is read at compile time. With fewer than four slots the missing lanes
+// are silent and not stored.
+template <int kLanes>
+__attribute__((always_inline)) inline void matrix_four_slots(const double* slots, double* to) {
     Double4 in[32];
 #pragma GCC unroll 8
     for (int n = 0; n < 32; n += 4) {
 #pragma GCC unroll 4
-        for (int l = 0; l < 4; ++l) std::memcpy(&in[n + l], slots + 32 * l + n, sizeof in[0]);
+        for (int l = 0; l < 4; ++l) {
+            if (l < kLanes) {
+                std::memcpy(&in[n + l], slots + 32 * l + n, sizeof in[0]);
+            } else {
+                in[n + l] = Double4{0.0, 0.0, 0.0, 0.0};
+            }
+        }
         transpose4(in[n], in[n + 1], in[n + 2], in[n + 3]);
     }
     Double4 r[32];
@@ -229,7 +238,7 @@ KAVO_VECTOR_CLONES void matrix_four_slots(const double* slots, double (*e)[64]) 
         for (int i = 0; i < 4; ++i) v[i] = r[kExtendedOrder[static_cast<size_t>(k + i)]];
         transpose4(v[0], v[1], v[2], v[3]);
 #pragma GCC unroll 4
-        for (int l = 0; l < 4; ++l) std::memcpy(e[l] + k, &v[l], sizeof v[l]);
+        for (int l = 0; l < kLanes; ++l) std::memcpy(to - 64 * l + k, &v[l], sizeof v[l]);
     }
 }
 
@@ -251,70 +260,91 @@ TermWindow make_term_window() {
 
 const TermWindow kTermWindow = make_term_window();
 
-// 32 outputs of one slot from the ring at its newest slot: each output's 16 products summed in
-// term order from 0.0, then doubled, exactly as in synthesize_slot.
-KAVO_VECTOR_CLONES void window_slot(const double* newest, double* out) {
-    Double4 acc[8];
-    for (Double4& a : acc) a = Double4{0.0, 0.0, 0.0, 0.0};
-    for (int t = 0; t < 16; t += 2) {
-        const double* e = newest + 64 * t;
-        const double* c = kTermWindow.coef[t];
-        for (int b = 0; b < 8; ++b) {
-            Double4 h;
-            Double4 w;
-            std::memcpy(&h, e + (b < 4 ? 16 : 15) + 4 * b, sizeof h);
-            std::memcpy(&w, c + 4 * b, sizeof w);
-            acc[b] += h * w;
-        }
-        e += 64;
-        c += 32;
-        for (int b = 0; b < 8; ++b) {
-            Double4 h;
-            Double4 w;
-            std::memcpy(&h, e + (b < 4 ? 47 : -16) + 4 * b, sizeof h);
-            std::memcpy(&w, c + 4 * b, sizeof w);
-            acc[b] += h * w;
+// Four outputs (block b) of kSlots consecutive slots, the newest history of the first at
+// newest, the others each one slot further on: each output's 16 products summed in term order
+// from 0.0, then doubled, exactly as in synthesize_slot. The window's coefficients for eight
+// terms stay in registers while all the slots use them.
+template <int kSlots, bool kLow>
+__attribute__((always_inline)) inline void window_block(const double* newest, double* out, int b) {
+    Double4 acc[kSlots];
+#pragma GCC unroll 4
+    for (int s = 0; s < kSlots; ++s) acc[s] = Double4{0.0, 0.0, 0.0, 0.0};
+#pragma GCC unroll 2
+    for (int half = 0; half < 16; half += 8) {
+        Double4 w[8];
+#pragma GCC unroll 8
+        for (int k = 0; k < 8; ++k) std::memcpy(&w[k], kTermWindow.coef[half + k] + 4 * b, sizeof w[k]);
+#pragma GCC unroll 8
+        for (int k = 0; k < 8; ++k) {
+            const int t = half + k;
+            const int offset = 64 * t + ((t & 1) == 0 ? (kLow ? 16 : 15) : (kLow ? 47 : -16));
+#pragma GCC unroll 4
+            for (int s = 0; s < kSlots; ++s) {
+                Double4 h;
+                std::memcpy(&h, newest - 64 * s + offset + 4 * b, sizeof h);
+                acc[s] += h * w[k];
+            }
         }
     }
-    for (int b = 0; b < 8; ++b) {
-        const Double4 doubled = acc[b] * 2.0;
-        std::memcpy(out + 4 * b, &doubled, sizeof doubled);
+#pragma GCC unroll 4
+    for (int s = 0; s < kSlots; ++s) {
+        const Double4 doubled = acc[s] * 2.0;
+        std::memcpy(out + 32 * s + 4 * b, &doubled, sizeof doubled);
     }
 }
-// A slot copied to one or two places, 32 bytes at a time (a string copy costs more to start
-// than these 512 bytes take).
-inline void copy_slot_twice(const double* from, double* to, double* also) {
-#pragma GCC unroll 16
-    for (int k = 0; k < 64; k += 4) {
-        Double4 v;
-        std::memcpy(&v, from + k, sizeof v);
-        std::memcpy(to + k, &v, sizeof v);
-        std::memcpy(also + k, &v, sizeof v);
+
+template <int kSlots>
+__attribute__((always_inline)) inline void window_slots(const double* newest, double* out) {
+    for (int b = 0; b < 4; ++b) window_block<kSlots, true>(newest, out, b);
+    for (int b = 4; b < 8; ++b) window_block<kSlots, false>(newest, out, b);
+}
+
+// The 18 slots of a granule, four at a time: matrixed into their places in the history, then
+// windowed.
+__attribute__((always_inline)) inline void synthesize_granule_body(SynthesisRing& ring,
+                                                                   const double* slots,
+                                                                   double* out) {
+    int32_t newest = ring.newest;
+    if (newest < 18) {
+        // The 15 slots still needed move to the end, 32 bytes at a time.
+        constexpr int32_t kLive = 15 * 64;
+        const double* from = ring.slots[newest];
+        double* to = ring.slots[kSynthesisSlots - 15];
+        for (int32_t k = 0; k < kLive; k += 4) {
+            Double4 v;
+            std::memcpy(&v, from + k, sizeof v);
+            std::memcpy(to + k, &v, sizeof v);
+        }
+        newest = kSynthesisSlots - 15;
     }
+    newest -= 18;
+    ring.newest = newest;
+    double* history = ring.slots[newest];  // slot t of the granule at history + 64 (17 - t)
+    for (int32_t t = 0; t < 16; t += 4) {
+        double* slot = history + 64 * (17 - t);
+        matrix_four_slots<4>(slots + 32 * t, slot);
+        window_slots<4>(slot, out + 32 * t);
+    }
+    matrix_four_slots<2>(slots + 32 * 16, history + 64);
+    window_slots<2>(history + 64, out + 32 * 16);
+}
+
+KAVO_AVX2 void synthesize_granule_avx2(SynthesisRing& ring, const double* slots, double* out) {
+    synthesize_granule_body(ring, slots, out);
+}
+
+void synthesize_granule_plain(SynthesisRing& ring, const double* slots, double* out) {
+    synthesize_granule_body(ring, slots, out);
 }
 }  // namespace
 
 void synthesize_granule(Layer3State& state, int32_t channel, double* out) {
     SynthesisRing& ring = state.synthesis[channel];
-    int32_t newest = ring.newest & 15;
-    // Slots are matrixed four at a time (the ring holds only the last 16 slots, so the four
-    // wait in a buffer).
-    alignas(64) double batch[4][64];
-    for (int32_t t = 0; t < 18; ++t) {
-        newest = (newest + 15) & 15;
-        double* e = ring.slots[newest];
-        if (t == 16) {
-            // The last two slots go through the four-lane form too, with two silent lanes.
-            alignas(64) double last[4 * 32] = {};
-            std::memcpy(last, state.spectrum + 32 * 16, sizeof(double) * 64);
-            matrix_four_slots(last, batch);
-        } else if (t % 4 == 0) {
-            matrix_four_slots(state.spectrum + 32 * t, batch);
-        }
-        copy_slot_twice(batch[t % 4], e, ring.slots[newest + 16]);
-        window_slot(e, out + 32 * t);
+    if (use_avx2()) {
+        synthesize_granule_avx2(ring, state.spectrum, out);
+    } else {
+        synthesize_granule_plain(ring, state.spectrum, out);
     }
-    ring.newest = newest;
 }
 
 }  // namespace kavolib

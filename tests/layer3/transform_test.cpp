@@ -94,21 +94,6 @@ TEST_P(ImdctSequence, MatchesDirectCosineSumsWithWindowingAndOverlap) {
 INSTANTIATE_TEST_SUITE_P(AllBlockTypePairs, ImdctSequence,
                          testing::Combine(testing::Range(0, 4), testing::Range(0, 4)));
 
-TEST(Imdct, SingleLowestLineGivesTheWindowedCosine) {
-    double input[18] = {1.0};
-    double overlap[9] = {};
-    double output[32 * 18];
-    imdct_subband(input, overlap, output, 0, 0, 0);
-    for (int n = 0; n < 18; ++n) {
-        EXPECT_NEAR(output[32 * n], LongWindow[n] * std::cos(M_PI / 72 * (2 * n + 19)), 1e-15);
-    }
-    const double zero[18] = {};
-    imdct_subband(zero, overlap, output, 0, 0, 0);
-    for (int n = 0; n < 18; ++n) {
-        EXPECT_NEAR(output[32 * n], LongWindow[17 - n] * std::cos(M_PI / 72 * (2 * n + 55)), 1e-15);
-    }
-}
-
 std::vector<long double> load_window() {
     std::ifstream in(std::string(KAVO_SHARED_DIR) + "/data/synthesis_window.txt");
     std::vector<long double> d;
@@ -193,31 +178,6 @@ TEST(Synthesis, WindowingEqualsThePlainSumExactly) {
             ASSERT_EQ(out[j], 2.0 * sum) << "slot " << t << " j " << j;
         }
     }
-}
-
-TEST(Synthesis, SixteenSilentSlotsReturnTheOutputToZero) {
-    double history[512] = {};
-    double S[32];
-    for (int n = 0; n < 32; ++n) S[n] = 0.5 - n / 40.0;
-    double out[32];
-    synthesize_slot(S, history, out);
-    const double zero[32] = {};
-    for (int t = 0; t < 15; ++t) synthesize_slot(zero, history, out);
-    bool any = false;
-    for (double v : out) any = any || v != 0.0;
-    EXPECT_TRUE(any) << "the 16th slot still sees the first";
-    synthesize_slot(zero, history, out);
-    for (double v : out) EXPECT_EQ(v, 0.0);
-}
-
-TEST(Synthesis, MatrixingOfTheLowestSubband) {
-    double history[512] = {};
-    double S[32] = {1.0};
-    double out[32];
-    synthesize_slot(S, history, out);
-    for (int k = 0; k < 32; ++k) EXPECT_NEAR(history[31 - k], -std::cos(k * M_PI / 64), 1e-14);
-    EXPECT_EQ(out[0], 0.0);
-    EXPECT_EQ(out[16], 0.0);
 }
 
 }  // namespace

@@ -1,0 +1,1 @@
+list(APPEND KAVO_SOURCES simd/vector_path.cpp)
