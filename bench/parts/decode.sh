@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Decoding speed: kavo decode next to mpg123 and ffmpeg on the same 10-minute 44.1 kHz stereo
 # 128 kbit/s MP3 (made once with sox and lame, kept in the data directory). Each decoder
-# writes 16-bit PCM to a file; the best of three runs counts.
+# writes 16-bit PCM to a file; the best of five runs counts, for wall and for user time.
 set -euo pipefail
 data=${1:?usage: decode.sh DATADIR}
 root=$(cd "$(dirname "$0")/../.." && pwd)
@@ -17,23 +17,27 @@ fi
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 
-best_of_three() {  # prints the best wall time in seconds of three runs of "$@"
-  local best=""
-  for _ in 1 2 3; do
-    local start end t
-    start=$(date +%s.%N)
-    "$@" >/dev/null 2>&1
-    end=$(date +%s.%N)
-    t=$(echo "$end - $start" | bc -l)
-    if [ -z "$best" ] || [ "$(echo "$t < $best" | bc -l)" = 1 ]; then best=$t; fi
-  done
-  printf '%.3f' "$best"
+# Five rounds; in each the three decoders take turns, so that a change in the machine's load
+# reaches all of them. The best wall and the best user time of each count.
+declare -A wall user
+run() {  # run NAME COMMAND...: one timed run, kept if it is the best so far
+  local name=$1 w u
+  shift
+  /usr/bin/time -f '%e %U' -o "$out/time" "$@" >/dev/null 2>&1
+  read -r w u <"$out/time"
+  if [ -z "${wall[$name]:-}" ] || [ "$(echo "$w < ${wall[$name]}" | bc -l)" = 1 ]; then wall[$name]=$w; fi
+  if [ -z "${user[$name]:-}" ] || [ "$(echo "$u < ${user[$name]}" | bc -l)" = 1 ]; then user[$name]=$u; fi
 }
-
-t_kavo=$(best_of_three "$kavo" decode "$mp3" "$out/kavo.pcm")
-t_mpg123=$(best_of_three sh -c 'mpg123 -q -s --no-gapless "$1" > "$2"' mpg123 "$mp3" "$out/mpg123.pcm")
-t_ffmpeg=$(best_of_three ffmpeg -v error -y -i "$mp3" -f s16le "$out/ffmpeg.pcm")
-printf 'input: 600 s, 44.1 kHz stereo, 128 kbit/s (%s bytes)\n' "$(stat -c %s "$mp3")"
-printf '  kavo decode : %7s s\n' "$t_kavo"
-printf '  mpg123      : %7s s   (kavo / mpg123 = %.2f)\n' "$t_mpg123" "$(echo "$t_kavo / $t_mpg123" | bc -l)"
-printf '  ffmpeg      : %7s s   (kavo / ffmpeg = %.2f)\n' "$t_ffmpeg" "$(echo "$t_kavo / $t_ffmpeg" | bc -l)"
+for _ in 1 2 3 4 5; do
+  run kavo "$kavo" decode "$mp3" "$out/kavo.pcm"
+  run mpg123 sh -c 'mpg123 -q -s --no-gapless "$1" > "$2"' mpg123 "$mp3" "$out/mpg123.pcm"
+  run ffmpeg ffmpeg -v error -y -i "$mp3" -f s16le "$out/ffmpeg.pcm"
+done
+ratio() { printf '%.2f' "$(echo "$1 / $2" | bc -l)"; }
+printf 'input: 600 s, 44.1 kHz stereo, 128 kbit/s (%s bytes); best of five\n' "$(stat -c %s "$mp3")"
+printf '  kavo decode : %6s s wall %6s s user\n' "${wall[kavo]}" "${user[kavo]}"
+for ref in mpg123 ffmpeg; do
+  printf '  %-11s : %6s s wall %6s s user   (kavo / %s: wall %s, user %s)\n' "$ref" \
+    "${wall[$ref]}" "${user[$ref]}" "$ref" "$(ratio "${wall[kavo]}" "${wall[$ref]}")" \
+    "$(ratio "${user[kavo]}" "${user[$ref]}")"
+done

@@ -30,9 +30,11 @@
 #ifndef KAVO_KAVO_H
 #define KAVO_KAVO_H
 
+#include <stddef.h>
 #include <stdint.h>
 
-#if defined(_WIN32)
+/* KAVO_STATIC: the program links the static library, not the DLL. */
+#if defined(_WIN32) && !defined(KAVO_STATIC)
 #if defined(KAVO_BUILDING_LIBRARY)
 #define KAVO_API __declspec(dllexport)
 #else
@@ -62,6 +64,58 @@ typedef int32_t (*ProgressCallback)(int32_t user, int32_t low, int32_t high, int
  * 8000 Hz sample by gain before encoding (no saturation: the product wraps in 16 bits). */
 KAVO_API ConversionResult kavo(const char* input_path, const char* output_path, float gain,
                                ProgressCallback callback, int32_t user);
+
+
+/*
+ * The conversion engine: the same output bytes as kavo(), without temporary files, module
+ * state, console text or process exit. Every call owns its own state, so any number of
+ * calls may run at once on different threads. Nothing is allocated that the caller must
+ * free; the callbacks are always called on the caller's thread, never after the call returns.
+ *
+ * Statuses: 0 on success, otherwise one of the negative KAVO_ERROR_* values below. When
+ * message is not NULL and message_size is not 0, it receives one line (NUL-terminated,
+ * truncated to fit, no line end) saying what happened; "" on success.
+ */
+#define KAVO_OK 0
+/* A NULL or empty path, a NULL input buffer with a non-zero size, a NULL write function,
+ * or a gain that is not finite. Any finite gain is accepted, -1.0 included. */
+#define KAVO_ERROR_ARGUMENT (-1)
+/* The input cannot be opened or read. */
+#define KAVO_ERROR_READ (-2)
+/* The output cannot be written (created, written, flushed or renamed into place). */
+#define KAVO_ERROR_WRITE (-3)
+/* The input holds no Layer III frame, or holds a Layer I or II frame (the message then names
+ * the layer and the byte offset of that frame), or decodes to more than 2^31 bytes of 16-bit
+ * PCM (some 3 hours of 48 kHz stereo), beyond what the conversion's sizes can count. Nothing
+ * is written in any of these cases. */
+#define KAVO_ERROR_FORMAT (-4)
+/* Memory for the conversion could not be allocated. */
+#define KAVO_ERROR_MEMORY (-5)
+/* The write function returned non-zero: the conversion stopped there. */
+#define KAVO_ERROR_STOPPED (-6)
+
+/* Progress: percent runs from 0 to 100, never falls, and the last call passes 100. */
+typedef void (*kavo_progress_fn)(void* user, int percent);
+/* Receives the next size bytes of output; return 0 to go on, non-zero to stop. */
+typedef int (*kavo_write_fn)(void* user, const void* bytes, size_t size);
+
+/* Converts the MP3 file input_path into the ADPCM file output_path with the given gain.
+ * The output is written under a temporary name beside output_path and renamed into place
+ * only when complete: on any failure an existing output_path is left as it was and no file
+ * remains. progress may be NULL; user is handed back to it. */
+KAVO_API int kavo_convert_file(const char* input_path, const char* output_path, float gain,
+                               kavo_progress_fn progress, void* user, char* message,
+                               size_t message_size);
+
+/* Converts the mp3_size bytes at mp3 and hands the ADPCM output to write, in order, in
+ * blocks of whole 80-byte frames. Nothing is written when the input is refused (format
+ * errors are found before the first write). progress may be NULL. */
+KAVO_API int kavo_convert_memory(const void* mp3, size_t mp3_size, float gain,
+                                 kavo_write_fn write, kavo_progress_fn progress, void* user,
+                                 char* message, size_t message_size);
+
+/* A short English text for a status ("success", "invalid argument", ...); never NULL. */
+KAVO_API const char* kavo_status_text(int status);
 
 #ifdef __cplusplus
 }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -269,6 +270,36 @@ int16_t adpcm_decode_code(AdpcmState& state, int code) {
     code &= 15;
     const Estimate est = estimate(state);
     return adapt(state, code, est, reconstruct(code, est.y));
+}
+
+namespace {
+
+// sample x gain, truncated toward zero, low 16 bits. The product of a 16-bit integer and a
+// float is exact in double, so the truncation sees the true product. A product that is not a
+// number or infinite gives 0; a finite one beyond 32 bits keeps the low 16 bits of its integer.
+inline int16_t gained(int16_t sample, double gain) {
+    const double x = static_cast<double>(sample) * gain;
+    if (x > -2147483648.0 && x < 2147483648.0) return wrap16(static_cast<int32_t>(x));
+    if (!std::isfinite(x)) return 0;
+    return wrap16(static_cast<int32_t>(std::fmod(std::trunc(x), 65536.0)));
+}
+
+}  // namespace
+
+void apply_gain(int16_t* samples, int16_t count, float gain) {
+    const double g = gain;
+    for (int i = 0; i < count; ++i) samples[i] = gained(samples[i], g);
+}
+
+void adpcm_encode_frame(AdpcmState& state, int16_t samples[kAdpcmFrameSamples], float gain,
+                        uint8_t packed[kAdpcmFrameBytes]) {
+    apply_gain(samples, kAdpcmFrameSamples, gain);
+    uint8_t codes[kAdpcmFrameSamples];
+    adpcm_encode_block(state, samples, kAdpcmFrameSamples, codes);
+    for (int j = 0; j < kAdpcmFrameSamples / 4; ++j) {
+        packed[2 * j] = static_cast<uint8_t>(codes[4 * j] | codes[4 * j + 1] << 4);
+        packed[2 * j + 1] = static_cast<uint8_t>(codes[4 * j + 2] | codes[4 * j + 3] << 4);
+    }
 }
 
 }  // namespace kavolib

@@ -44,6 +44,19 @@ int16_t adpcm_decode_code(AdpcmState& state, int code);
 // 14 for 0, 0 for a negative x, else the number of left shifts bringing x to 16384 or above.
 int norm_shift(int16_t x);
 
+inline constexpr int kAdpcmFrameSamples = 160;
+inline constexpr int kAdpcmFrameBytes = kAdpcmFrameSamples / 2;
+
+// Multiplies count samples by gain in place: each product is truncated toward zero and its
+// low 16 bits kept (no saturation). Nothing happens unless count is positive.
+void apply_gain(int16_t* samples, int16_t count, float gain);
+
+// One 160-sample frame: the gain applied (the samples are changed in place), every sample
+// coded, four codes to a 16-bit little-endian word, c0 | c1 << 4 | c2 << 8 | c3 << 12 with
+// c0 the earliest sample: 80 bytes.
+void adpcm_encode_frame(AdpcmState& state, int16_t samples[kAdpcmFrameSamples], float gain,
+                        uint8_t packed[kAdpcmFrameBytes]);
+
 // The low 16 bits of v as a signed value: the "(16)" reductions of the coder.
 constexpr int16_t wrap16(int32_t v) {
     return static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(v) & 0xFFFFu));

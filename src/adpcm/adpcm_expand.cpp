@@ -2,39 +2,20 @@
 // it never disturbs the output stage's coder.
 #include "adpcm/adpcm_expand.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 #include "platform/platform.h"
+#include "platform/wav_header.h"
 
 namespace kavolib {
 
 namespace {
 
-void put16(unsigned char* at, uint32_t v) {
-    at[0] = static_cast<unsigned char>(v & 0xFFu);
-    at[1] = static_cast<unsigned char>((v >> 8) & 0xFFu);
-}
-
-void put32(unsigned char* at, uint32_t v) {
-    put16(at, v & 0xFFFFu);
-    put16(at + 2, v >> 16);
-}
-
 // The canonical header of an 8000 Hz mono 16-bit file with data_bytes of samples.
 void wav_header(unsigned char* h, uint32_t data_bytes) {
-    std::memcpy(h, "RIFF", 4);
-    put32(h + 4, data_bytes + 36);
-    std::memcpy(h + 8, "WAVEfmt ", 8);
-    put32(h + 16, 16);
-    put16(h + 20, 1);
-    put16(h + 22, 1);
-    put32(h + 24, 8000);
-    put32(h + 28, 16000);
-    put16(h + 32, 2);
-    put16(h + 34, 16);
-    std::memcpy(h + 36, "data", 4);
-    put32(h + 40, data_bytes);
+    make_wav_header(h, data_bytes + kWavHeaderSize, 1, 8000);
 }
 
 }  // namespace
@@ -64,6 +45,7 @@ std::string adpcm_expand_file(const char* inPath, const char* outPath) {
     unsigned char header[44];
     wav_header(header, static_cast<uint32_t>(length) * 4);
     bool written = std::fwrite(header, 1, sizeof header, out) == sizeof header;
+    int write_error = written ? 0 : errno;  // the cause of the first failed write
 
     AdpcmState state;
     adpcm_init(state);
@@ -73,14 +55,23 @@ std::string adpcm_expand_file(const char* inPath, const char* outPath) {
     size_t got = 0;
     while (written && (got = std::fread(codes, 1, sizeof codes, in)) > 0) {
         adpcm_expand_codes(state, codes, got, samples);
-        for (size_t i = 0; i < 2 * got; ++i) put16(pcm + 2 * i, static_cast<uint16_t>(samples[i]));
+        for (size_t i = 0; i < 2 * got; ++i) {
+            wav_put16(pcm, static_cast<int>(2 * i), static_cast<uint16_t>(samples[i]));
+        }
         written = std::fwrite(pcm, 1, 4 * got, out) == 4 * got;
+        if (!written) write_error = errno;
     }
     const bool read_ok = std::ferror(in) == 0;
     close_stream(in);
-    written = close_stream(out) == 0 && written;
+    if (close_stream(out) != 0 && written) {
+        written = false;
+        write_error = errno;
+    }
     if (!read_ok) return "reading the input failed";
-    if (!written) return "writing the output failed";
+    if (!written) {
+        return std::string("writing the output failed") +
+               (write_error != 0 ? std::string(": ") + std::strerror(write_error) : "");
+    }
     return {};
 }
 

@@ -3,12 +3,12 @@
 // sample data through a copy in "ZUTMP.TM1"; anything else is taken as raw samples from byte 0.
 #include "adpcm/adpcm_output.h"
 
-#include <cmath>
 #include <cstdio>
 #include <cstring>
 
 #include "adpcm/adpcm_core.h"
 #include "platform/platform.h"
+#include "platform/wav_header.h"
 
 namespace kavolib {
 
@@ -19,28 +19,16 @@ namespace {
     end_process(1);
 }
 
-// sample x gain, truncated toward zero, low 16 bits. The product of a 16-bit integer and a
-// float is exact in double, so the truncation sees the true product. A product that is not a
-// number or infinite gives 0; a finite one beyond 32 bits keeps the low 16 bits of its integer.
-inline int16_t gained(int16_t sample, double gain) {
-    const double x = static_cast<double>(sample) * gain;
-    if (x > -2147483648.0 && x < 2147483648.0) return wrap16(static_cast<int32_t>(x));
-    if (!std::isfinite(x)) return 0;
-    return wrap16(static_cast<int32_t>(std::fmod(std::trunc(x), 65536.0)));
-}
-
 // Copies the sample data of a WAV input (the size at byte 40, the data from byte 44) into
 // "ZUTMP.TM1" and returns that copy opened for reading. A data size beyond the end of the
 // file copies what is there; missing size bytes count as 0.
 FILE* copy_wav_data(FILE* in) {
     FILE* copy = open_stream(kAdpcmDataCopyName, "wb");
     if (copy == nullptr) fail_stage();  // treated like an input that cannot be opened
-    unsigned char size[4] = {0, 0, 0, 0};
-    std::fseek(in, 40, SEEK_SET);
+    uint8_t size[4] = {0, 0, 0, 0};
+    std::fseek(in, kWavDataSize, SEEK_SET);
     std::fread(size, 1, 4, in);  // a header cut short leaves the missing bytes at 0
-    uint32_t remaining = static_cast<uint32_t>(size[0]) | static_cast<uint32_t>(size[1]) << 8 |
-                         static_cast<uint32_t>(size[2]) << 16 |
-                         static_cast<uint32_t>(size[3]) << 24;
+    uint32_t remaining = wav_get32(size, 0);
     unsigned char buffer[8192];
     while (remaining > 0) {
         const size_t want = remaining < sizeof buffer ? remaining : sizeof buffer;
@@ -67,11 +55,6 @@ int32_t progress_percent(float p, float T) {
 
 }  // namespace
 
-void apply_gain(int16_t* samples, int16_t count, float gain) {
-    const double g = gain;
-    for (int i = 0; i < count; ++i) samples[i] = gained(samples[i], g);
-}
-
 void adpcm_encode_file(const char* inPath, const char* outPath, float gain,
                        ProgressCallback callback, int32_t user) {
     // The output is only created once the input is known to open.
@@ -97,21 +80,14 @@ void adpcm_encode_file(const char* inPath, const char* outPath, float gain,
 
     unsigned char bytes[2 * kAdpcmFrameSamples];
     int16_t frame[kAdpcmFrameSamples];
-    unsigned char packed[2 * kAdpcmFrameWords];
+    uint8_t packed[kAdpcmFrameBytes];
     // A trailing partial frame is not coded.
     while (std::fread(bytes, 1, sizeof bytes, in) == sizeof bytes) {
         for (int i = 0; i < kAdpcmFrameSamples; ++i) {
             frame[i] =
                 static_cast<int16_t>(static_cast<uint16_t>(bytes[2 * i] | (bytes[2 * i + 1] << 8)));
         }
-        apply_gain(frame, kAdpcmFrameSamples, gain);
-        // Word j = c0 | c1 << 4 | c2 << 8 | c3 << 12, written low byte first.
-        uint8_t codes[kAdpcmFrameSamples];
-        adpcm_encode_block(state, frame, kAdpcmFrameSamples, codes);
-        for (int j = 0; j < kAdpcmFrameWords; ++j) {
-            packed[2 * j] = static_cast<unsigned char>(codes[4 * j] | codes[4 * j + 1] << 4);
-            packed[2 * j + 1] = static_cast<unsigned char>(codes[4 * j + 2] | codes[4 * j + 3] << 4);
-        }
+        adpcm_encode_frame(state, frame, gain, packed);
         std::fwrite(packed, 1, sizeof packed, out);
 
         // After frames 1, 4, 7, ...: p is then the input consumed, in seconds.

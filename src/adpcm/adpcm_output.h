@@ -5,18 +5,14 @@
 
 #include <cstdint>
 
+#include "adpcm/adpcm_core.h"
 #include "kavo/kavo.h"
 
 namespace kavolib {
 
-inline constexpr int kAdpcmFrameSamples = 160;
 inline constexpr int kAdpcmFrameWords = kAdpcmFrameSamples / 4;
 // The copy of a WAV input's data, made in the current directory and removed at the end.
 inline constexpr const char* kAdpcmDataCopyName = "ZUTMP.TM1";
-
-// Multiplies count samples by gain in place: each product is truncated toward zero and its
-// low 16 bits kept (no saturation). Nothing happens unless count is positive.
-void apply_gain(int16_t* samples, int16_t count, float gain);
 
 // Encodes inPath into outPath with a fresh coder state, reporting progress from 80 % through
 // callback (which may be null) as (user, 0, 100, percent, 1). A file that cannot be opened

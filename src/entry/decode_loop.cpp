@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "frame/codec.h"
+#include "entry/codec_command.h"
 #include "frame/frame_header.h"
 #include "frame/frame_sync.h"
 #include "pcmout/pcm_output.h"

@@ -1,6 +1,7 @@
-// The codec command interface: one entry point, codec_command, through which headers are
-// checked (command 1), the Layer III decoder is reset (command 0) and granules are decoded
-// (command 4). Records are passed by value; addresses are pointer-sized on this platform.
+// The records of the codec command interface (the dispatcher, codec_command, belongs to the
+// decode loop that drives both the frame layer and the Layer III decoder): requests and
+// results passed by value, and the job records of header checks and granule decodes.
+// Addresses are pointer-sized on this platform.
 #pragma once
 
 #include <cstdint>
@@ -44,7 +45,5 @@ inline constexpr int32_t kCodecReset = 0;
 inline constexpr int32_t kCodecDecodeHeader = 1;
 inline constexpr int32_t kCodecDecodeGranule = 4;
 inline constexpr int32_t kCodecEcho = 7;
-
-CodecResult codec_command(CodecRequest request);
 
 }  // namespace kavolib

@@ -52,6 +52,17 @@ void warn_header_error(int32_t error) {
     }
 }
 
+// The file form's source: a short read prints how the input ended.
+size_t read_from_file(void* context, uint8_t* dst, size_t n) {
+    auto* input = static_cast<FILE*>(context);
+    const size_t got = std::fread(dst, 1, n, input);
+    if (got < n) {
+        if (std::feof(input) != 0) std::fputs("\n\nAll Done !", stderr);
+        if (std::ferror(input) != 0) std::fputs("\n\nFile read error !", stderr);
+    }
+    return got;
+}
+
 uint32_t last_byte_read(const FrameState& state) {
     const int32_t index =
         state.fill_position == 0 ? kStreamBufferSize - 1 : state.fill_position - 1;
@@ -61,7 +72,7 @@ uint32_t last_byte_read(const FrameState& state) {
 // Free format, no length known yet: reads on until the next header of the same kind (the
 // protection, padding and private bits ignored), keeps the distance as the free-format length
 // and completes the frame after it. 0 on success, 1 when the input ends first.
-int measure_free_format(FrameState& state, FILE* input, const FrameHeader& header) {
+int measure_free_format(FrameState& state, ByteSource& input, const FrameHeader& header) {
     const uint32_t want_second = header.header_word1 & 0xFEu;
     const uint32_t want_third = (header.header_word2 >> 8) & 0xFCu;
     uint32_t oldest = 0;
@@ -70,7 +81,7 @@ int measure_free_format(FrameState& state, FILE* input, const FrameHeader& heade
     int64_t length = 1;
     while (
         !(oldest == 0xFFu && (middle & 0xFEu) == want_second && (newest & 0xFCu) == want_third)) {
-        if (read_input_bytes(state, input, 1) != 0) return 1;
+        if (read_bytes_from(state, input, 1) != 0) return 1;
         oldest = middle;
         middle = newest;
         newest = last_byte_read(state);
@@ -82,7 +93,7 @@ int measure_free_format(FrameState& state, FILE* input, const FrameHeader& heade
     if (length > (int64_t{1} << 30)) length = int64_t{1} << 30;
     state.free_format_length = static_cast<int32_t>(length);
     const int next_padding = static_cast<int>((newest >> 1) & 1u);
-    return read_input_bytes(state, input, state.free_format_length + next_padding - 3);
+    return read_bytes_from(state, input, state.free_format_length + next_padding - 3);
 }
 
 }  // namespace
@@ -108,43 +119,46 @@ void print_header_lines(const FrameHeader& header, int32_t pcm_rate) {
 
 // Byte by byte in effect: the bytes go to the buffer in order, wrapping at its end, and on a
 // short read those that did arrive stay counted, exactly as one getc per byte would leave them.
-// The reads are done a run at a time, up to the buffer's end, from the stream's own buffer.
-int read_input_bytes(FrameState& state, FILE* input, int n) {
+// The reads are done a run at a time, up to the buffer's end.
+int read_bytes_from(FrameState& state, ByteSource& source, int n) {
     if (n < 1) return 0;
     int remaining = n;
     while (remaining > 0) {
         const int run = std::min(remaining, kStreamBufferSize - state.fill_position);
-        const size_t got = std::fread(state.stream.bytes + state.fill_position, 1,
-                                      static_cast<size_t>(run), input);
+        const size_t got = source.read(source.context, state.stream.bytes + state.fill_position,
+                                       static_cast<size_t>(run));
         const auto got_count = static_cast<int32_t>(got);
         state.fill_position += got_count;
         if (state.fill_position == kStreamBufferSize) state.fill_position = 0;
         state.bytes_read += got_count;
         remaining -= got_count;
-        if (got_count < run) {
-            if (std::feof(input) != 0) std::fputs("\n\nAll Done !", stderr);
-            if (std::ferror(input) != 0) std::fputs("\n\nFile read error !", stderr);
-            return 1;
-        }
+        if (got_count < run) return 1;
     }
     return 0;
 }
 
-int read_frame(FrameState& state, FILE* input) {
-    if (read_input_bytes(state, input, 4) != 0) return 1;
+int read_input_bytes(FrameState& state, FILE* input, int n) {
+    ByteSource source{read_from_file, input};
+    return read_bytes_from(state, source, n);
+}
+
+FrameRead read_frame_from(FrameState& state, BitReader& reader, FrameHeader& frame_header,
+                          ByteSource& input) {
+    if (read_bytes_from(state, input, 4) != 0) return FrameRead{1, false, -1};
     int result = 1;
     bool last_check_passed = false;
+    int64_t header_offset = -1;
     for (;;) {
+        header_offset = state.bytes_read - 4;
         int32_t start = state.fill_position - 4;
         if (start < 0) start += kStreamBufferSize;
         state.current = BitPosition{state.stream.bytes, 0, start};
         state.header_job = HeaderJob{state.current, 0, state.free_format_length};
-        const CodecResult check =
-            codec_command(CodecRequest{kCodecDecodeHeader, 0, &state.header_job});
+        const CodecResult check = decode_header(reader, frame_header, state.header_job);
         if (check.error != 0) {
             last_check_passed = false;
             state.sync_state = sync_lost;
-            if (read_input_bytes(state, input, 1) != 0) break;
+            if (read_bytes_from(state, input, 1) != 0) break;
             warn_header_error(check.error);
             continue;
         }
@@ -154,9 +168,9 @@ int read_frame(FrameState& state, FILE* input) {
 
         int failed = 0;
         if (header.bitrate_index != 0) {
-            failed = read_input_bytes(state, input, header.frame_length - 4);
+            failed = read_bytes_from(state, input, header.frame_length - 4);
         } else if (state.free_format_length != 0) {
-            failed = read_input_bytes(state, input, state.free_format_length + header.padding - 4);
+            failed = read_bytes_from(state, input, state.free_format_length + header.padding - 4);
         } else {
             state.sync_state = sync_lost;
             failed = measure_free_format(state, input, header);
@@ -166,7 +180,7 @@ int read_frame(FrameState& state, FILE* input) {
         if (state.sync_state == sync_lost) {
             // The frame just read is not delivered: its successor must confirm it first.
             state.sync_state = sync_pending;
-            if (read_input_bytes(state, input, 4) != 0) break;
+            if (read_bytes_from(state, input, 4) != 0) break;
             continue;
         }
         state.sync_state = sync_locked;
@@ -175,11 +189,17 @@ int read_frame(FrameState& state, FILE* input) {
         result = 0;
         break;
     }
-    if (g_header_lines_pending && last_check_passed) {
+    return FrameRead{result, last_check_passed, header_offset};
+}
+
+int read_frame(FrameState& state, FILE* input) {
+    ByteSource source{read_from_file, input};
+    const FrameRead read = read_frame_from(state, g_bit_reader, g_frame_header, source);
+    if (g_header_lines_pending && read.last_check_passed) {
         print_header_lines(g_frame_header, state.pcm_rate);
         g_header_lines_pending = false;
     }
-    return result;
+    return read.result;
 }
 
 }  // namespace kavolib

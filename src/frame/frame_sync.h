@@ -1,9 +1,13 @@
 // Frame synchronisation: bytes of the input are appended to the circular stream buffer, a
 // valid header is found (confirmed by the header that follows it after a loss of sync), the
-// whole frame is read, and the header is described in g_frame_header. Also the header decode
-// behind codec command 1 and the header lines printed once per library lifetime.
+// whole frame is read, and the header is described in the frame header. The core works on the
+// state, reader and header it is handed and takes its bytes from a ByteSource (a file or a
+// block in memory); the file form uses the module-level instances, prints the end-of-input
+// messages and the header lines once per library lifetime. Also the header decode behind
+// codec command 1.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -42,6 +46,32 @@ struct FrameState {
 
 // The module-level instance used by the decode loop.
 extern FrameState g_frame_state;
+
+// Where the frame layer takes its input bytes from.
+struct ByteSource {
+    // Copies up to n bytes to dst and returns how many; fewer only at the end of the input or
+    // on a read error.
+    size_t (*read)(void* context, uint8_t* dst, size_t n);
+    void* context;
+};
+
+// What the core's read_frame_from found: result 0 when a frame is delivered (1 at the end of
+// the input), whether the last header check of the call passed, and the input offset of the
+// last header checked (the delivered frame's header when result is 0).
+struct FrameRead {
+    int result;
+    bool last_check_passed;
+    int64_t header_offset;
+};
+
+// The core of read_input_bytes: appends n bytes from source; 0 on success, 1 when the source
+// ran short first (the bytes that did arrive stay in the buffer and are counted).
+int read_bytes_from(FrameState& state, ByteSource& source, int n);
+
+// The core of read_frame: the next deliverable frame from source, its header decoded into
+// header through reader. Prints nothing.
+FrameRead read_frame_from(FrameState& state, BitReader& reader, FrameHeader& header,
+                          ByteSource& source);
 
 // Sampling rate in Hz by version and sampling-frequency index (0 for the reserved version).
 int32_t sample_rate_hz(int32_t version, int32_t sample_freq);

@@ -1,5 +1,4 @@
 list(APPEND KAVO_SOURCES
   frame/bitstream.cpp
   frame/frame_header.cpp
-  frame/frame_sync.cpp
-  frame/codec.cpp)
+  frame/frame_sync.cpp)

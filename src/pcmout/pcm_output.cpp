@@ -2,11 +2,12 @@
 // the WAV header and the decode statistics.
 #include "pcmout/pcm_output.h"
 
+#include <bit>
 #include <chrono>
 #include <cstring>
 #include <string>
 
-#include "layer3/simd.h"
+#include "simd/simd.h"
 #include "platform/platform.h"
 #include "platform/report_message.h"
 
@@ -32,16 +33,6 @@ int64_t process_seconds() {
     end_process(1);  // report_message does not return for a fatal kind
 }
 
-void put16(uint8_t* at, uint32_t value) {
-    at[0] = static_cast<uint8_t>(value & 0xFFu);
-    at[1] = static_cast<uint8_t>((value >> 8) & 0xFFu);
-}
-
-void put32(uint8_t* at, uint32_t value) {
-    put16(at, value & 0xFFFFu);
-    put16(at + 2, value >> 16);
-}
-
 }  // namespace
 
 OutputForm choose_output_form(const char* name) {
@@ -62,30 +53,84 @@ int16_t pcm_sample16(double x) {
     return static_cast<int16_t>(static_cast<int32_t>(v));
 }
 
+namespace {
+typedef int Int4 __attribute__((vector_size(16)));
+typedef int16_t Short4 __attribute__((vector_size(8)));
+typedef int16_t Short8 __attribute__((vector_size(16)));
+
 // Four samples at a time: both roundings are computed and one is selected (v - 0.5 and
 // v + -0.5 are the same sum), and each clip is a select on the same comparison pcm_sample16
-// makes, so NaN still ends at -32768. A tail shorter than four goes through pcm_sample16.
-KAVO_VECTOR_CLONES
-void pcm_samples16(const double* x, int16_t* out, int count) {
-    typedef int Int4 __attribute__((vector_size(16)));
+// makes, so NaN still ends at -32768.
+__attribute__((always_inline)) inline Short4 four_samples16(const double* x) {
     const Double4 half = {0.5, 0.5, 0.5, 0.5};
     const Double4 top = {32768.0, 32768.0, 32768.0, 32768.0};
     const Double4 top_value = {32767.0, 32767.0, 32767.0, 32767.0};
     const Double4 bottom = {-32769.0, -32769.0, -32769.0, -32769.0};
     const Double4 bottom_value = {-32768.0, -32768.0, -32768.0, -32768.0};
     const Double4 zero = {0.0, 0.0, 0.0, 0.0};
+    Double4 in;
+    std::memcpy(&in, x, sizeof in);
+    const Double4 v = in * top;
+    Double4 r = in > zero ? v + half : v - half;
+    r = r >= top ? top_value : r;
+    r = r > bottom ? r : bottom_value;
+    return __builtin_convertvector(__builtin_convertvector(r, Int4), Short4);
+}
+
+// A tail shorter than four goes through pcm_sample16.
+__attribute__((always_inline)) inline void samples16_body(const double* x, int16_t* out,
+                                                          int count) {
     int i = 0;
     for (; i + 4 <= count; i += 4) {
-        Double4 in;
-        std::memcpy(&in, x + i, sizeof in);
-        const Double4 v = in * top;
-        Double4 r = in > zero ? v + half : v - half;
-        r = r >= top ? top_value : r;
-        r = r > bottom ? r : bottom_value;
-        const Int4 whole = __builtin_convertvector(r, Int4);
-        for (int k = 0; k < 4; ++k) out[i + k] = static_cast<int16_t>(whole[k]);
+        const Short4 s = four_samples16(x + i);
+        std::memcpy(out + i, &s, sizeof s);
     }
     for (; i < count; ++i) out[i] = pcm_sample16(x[i]);
+}
+
+__attribute__((always_inline)) inline void stereo16_body(const double* left, const double* right,
+                                                         int16_t* out, int count) {
+    int i = 0;
+    for (; i + 4 <= count; i += 4) {
+        const Short8 s = __builtin_shufflevector(four_samples16(left + i),
+                                                 four_samples16(right + i), 0, 4, 1, 5, 2, 6, 3, 7);
+        std::memcpy(out + 2 * i, &s, sizeof s);
+    }
+    for (; i < count; ++i) {
+        out[2 * i] = pcm_sample16(left[i]);
+        out[2 * i + 1] = pcm_sample16(right[i]);
+    }
+}
+
+KAVO_AVX2 void samples16_avx2(const double* x, int16_t* out, int count) {
+    samples16_body(x, out, count);
+}
+
+void samples16_plain(const double* x, int16_t* out, int count) { samples16_body(x, out, count); }
+
+KAVO_AVX2 void stereo16_avx2(const double* left, const double* right, int16_t* out, int count) {
+    stereo16_body(left, right, out, count);
+}
+
+void stereo16_plain(const double* left, const double* right, int16_t* out, int count) {
+    stereo16_body(left, right, out, count);
+}
+}  // namespace
+
+void pcm_samples16(const double* x, int16_t* out, int count) {
+    if (use_avx2()) {
+        samples16_avx2(x, out, count);
+    } else {
+        samples16_plain(x, out, count);
+    }
+}
+
+void pcm_samples16_stereo(const double* left, const double* right, int16_t* out, int count) {
+    if (use_avx2()) {
+        stereo16_avx2(left, right, out, count);
+    } else {
+        stereo16_plain(left, right, out, count);
+    }
 }
 
 uint32_t pcm_sample24(double x) {
@@ -96,25 +141,6 @@ uint32_t pcm_sample24(double x) {
         v = -8388608.0;  // NaN lands here too
     }
     return static_cast<uint32_t>(static_cast<int32_t>(v)) & 0xFFFFFFu;
-}
-
-void make_wav_header(uint8_t header[kWavHeaderSize], uint32_t file_length, int32_t channels,
-                     int32_t rate) {
-    const auto ch = static_cast<uint32_t>(channels);
-    const auto hz = static_cast<uint32_t>(rate);
-    std::memcpy(header, "RIFF", 4);
-    put32(header + 4, file_length - 8);
-    std::memcpy(header + 8, "WAVE", 4);
-    std::memcpy(header + 12, "fmt ", 4);
-    put32(header + 16, 16);
-    put16(header + 20, 1);
-    put16(header + 22, ch);
-    put32(header + 24, hz);
-    put32(header + 28, (hz * ch * 16 + 7) / 8);
-    put16(header + 32, (ch * 16 + 7) / 8);
-    put16(header + 34, 16);
-    std::memcpy(header + 36, "data", 4);
-    put32(header + 40, file_length - 44);
 }
 
 void open_decode_files(DecodeFiles& files, FrameState& frames) {
@@ -151,22 +177,20 @@ void write_granule_pcm(DecodeFiles& files, const double* pcm, int32_t channels) 
         }
         return;
     }
-    int16_t samples[2][kGranuleSamples];
-    for (int ch = 0; ch < per_position; ++ch) {
-        pcm_samples16(pcm + ch * kGranuleSamples, samples[ch], kGranuleSamples);
-    }
-    uint8_t bytes[2 * 2 * kGranuleSamples];
+    int16_t samples[2 * kGranuleSamples];
     if (per_position == 2) {
-        for (int i = 0; i < kGranuleSamples; ++i) {
-            put16(bytes + 4 * i, static_cast<uint16_t>(samples[0][i]));
-            put16(bytes + 4 * i + 2, static_cast<uint16_t>(samples[1][i]));
-        }
+        pcm_samples16_stereo(pcm, pcm + kGranuleSamples, samples, kGranuleSamples);
     } else {
-        for (int i = 0; i < kGranuleSamples; ++i) {
-            put16(bytes + 2 * i, static_cast<uint16_t>(samples[0][i]));
-        }
+        pcm_samples16(pcm, samples, kGranuleSamples);
     }
-    std::fwrite(bytes, 1, static_cast<size_t>(2 * per_position * kGranuleSamples), files.output);
+    const size_t count = static_cast<size_t>(per_position * kGranuleSamples);
+    if constexpr (std::endian::native == std::endian::little) {
+        std::fwrite(samples, sizeof samples[0], count, files.output);
+    } else {
+        uint8_t bytes[sizeof samples];
+        for (size_t i = 0; i < count; ++i) wav_put16(bytes, static_cast<int>(2 * i), static_cast<uint16_t>(samples[i]));
+        std::fwrite(bytes, 1, 2 * count, files.output);
+    }
 }
 
 void print_decode_statistics(int64_t frame_counter, int32_t granules, int32_t pcm_rate,

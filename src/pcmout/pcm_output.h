@@ -7,12 +7,12 @@
 #include <cstdio>
 
 #include "frame/frame_sync.h"
+#include "platform/wav_header.h"
 
 namespace kavolib {
 
 enum class OutputForm { none, raw, wav, text };
 
-inline constexpr int kWavHeaderSize = 44;
 inline constexpr int kGranuleSamples = 576;
 
 // The form selected by the output name: ".pcm", ".wav", ".TM2", ".txt" searched anywhere in
@@ -52,14 +52,12 @@ int16_t pcm_sample16(double x);
 // The same conversion for count samples at once, written branch-free so that it runs in
 // vector registers; every result equals pcm_sample16 of the same value.
 void pcm_samples16(const double* x, int16_t* out, int count);
+// Two channels' samples converted the same way and interleaved (left, right, left, ...).
+void pcm_samples16_stereo(const double* left, const double* right, int16_t* out, int count);
 
 // A sample for the text form: x * 8388608 clipped to the 24-bit range and truncated toward
 // zero, as the low 24 bits of its two's complement.
 uint32_t pcm_sample24(double x);
-
-// The canonical 44-byte header of a 16-bit PCM WAV file of file_length bytes in total.
-void make_wav_header(uint8_t header[kWavHeaderSize], uint32_t file_length, int32_t channels,
-                     int32_t rate);
 
 // The statistics lines; elapsed_seconds is the process's running time so far.
 void print_decode_statistics(int64_t frame_counter, int32_t granules, int32_t pcm_rate,

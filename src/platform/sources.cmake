@@ -1,4 +1,5 @@
-list(APPEND KAVO_SOURCES platform/platform.cpp platform/report_message.cpp)
+list(APPEND KAVO_SOURCES platform/platform.cpp platform/report_message.cpp
+  platform/wav_header.cpp)
 if(WIN32)
   list(APPEND KAVO_SOURCES platform/platform_windows.cpp)
 else()

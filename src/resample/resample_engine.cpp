@@ -60,23 +60,15 @@ bool factorInRange(double factor) {
     return std::isfinite(factor) && factor > 0.0 && 32768.0 / factor + 0.5 < 4294967296.0;
 }
 
-void reportProgress(ProgressCallback callback, int32_t user, int outDone, int outCount) {
-    if (callback == nullptr) return;
-    // With nothing to produce the conversion is complete at once: 80.
-    int percent = 80;
-    if (outCount != 0) {
-        percent = 60 - static_cast<int>(std::trunc(static_cast<double>(outDone) /
-                                                   static_cast<double>(outCount) * (-20.0)));
-    }
-    callback(user, 0, 100, percent, 1);
+int fail(ResampleIo& io, const char* message) {
+    io.failure = message;
+    return -1;
 }
 
-void writeFrames(const ResampleState& s, int n, int nChans) {
-    if (n <= 0 || stageOutput == nullptr) return;
-    if (nChans == 1) {
-        std::fwrite(s.output[0], sizeof(int16_t), static_cast<size_t>(n), stageOutput);
-        return;
-    }
+// 0, or the write's request to stop.
+int writeFrames(ResampleIo& io, const ResampleState& s, int n, int nChans) {
+    if (n <= 0) return 0;
+    if (nChans == 1) return io.write(io.context, s.output[0], static_cast<size_t>(n));
     int16_t frames[2 * 1024];
     for (int done = 0; done < n;) {
         const int count = std::min(1024, n - done);
@@ -84,16 +76,60 @@ void writeFrames(const ResampleState& s, int n, int nChans) {
             frames[2 * i] = s.output[0][done + i];
             frames[2 * i + 1] = s.output[1][done + i];
         }
-        std::fwrite(frames, sizeof(int16_t), static_cast<size_t>(2 * count), stageOutput);
+        if (io.write(io.context, frames, static_cast<size_t>(2 * count)) != 0) return 1;
         done += count;
     }
+    return 0;
+}
+
+// The file form's connections: stageInput, stageOutput and the caller's callback.
+struct FileIo {
+    ProgressCallback callback;
+    int32_t user;
+};
+
+size_t readStage(void*, int16_t* dst, size_t n) {
+    if (stageInput == nullptr) return 0;
+    const size_t got = std::fread(dst, sizeof(int16_t), n, stageInput);
+    if (std::ferror(stageInput) != 0) {
+        std::fputs("readData: Can't read data!\n", stderr);
+        close_all_streams();
+        end_process(1);
+    }
+    return got;
+}
+
+int writeStage(void*, const int16_t* samples, size_t n) {
+    if (stageOutput != nullptr) std::fwrite(samples, sizeof(int16_t), n, stageOutput);
+    return 0;
+}
+
+void reportStage(void* context, int outDone, int outCount) {
+    const auto* file = static_cast<const FileIo*>(context);
+    if (file->callback == nullptr) return;
+    // With nothing to produce the conversion is complete at once: 80.
+    int percent = 80;
+    if (outCount != 0) {
+        percent = 60 - static_cast<int>(std::trunc(static_cast<double>(outDone) /
+                                                   static_cast<double>(outCount) * (-20.0)));
+    }
+    file->callback(file->user, 0, 100, percent, 1);
+}
+
+template <class Convert>
+int onStageFiles(ProgressCallback callback, int32_t user, Convert&& convert) {
+    FileIo file{callback, user};
+    ResampleIo io{readStage, writeStage, reportStage, &file, nullptr};
+    const int result = convert(io);
+    if (result == -1 && io.failure != nullptr) resampleError(io.failure);
+    return result;
 }
 
 // The block loop shared by the filter and the linear modes. filterBlock(input, reversed,
 // output, timeReg) filters one channel's block and returns its output count.
 template <class FilterBlock>
-int runConversion(ResampleState& s, int inCount, int outCount, int nChans,
-                  ProgressCallback callback, int32_t user, FilterBlock&& filterBlock) {
+int runConversion(ResampleState& s, ResampleIo& io, int inCount, int outCount, int nChans,
+                  FilterBlock&& filterBlock) {
     const int guardLen = s.guardLen;
     s.timeReg = static_cast<uint32_t>(guardLen) * kOne;
     s.lastIndex = 0;
@@ -101,7 +137,8 @@ int runConversion(ResampleState& s, int inCount, int outCount, int nChans,
     int nextRead = guardLen;
     for (;;) {
         if (s.lastIndex == 0) {
-            s.lastIndex = readData(s, inCount, s.input[0], s.input[1], IBUFFSIZE, nChans, nextRead);
+            s.lastIndex =
+                readData(s, io, inCount, s.input[0], s.input[1], IBUFFSIZE, nChans, nextRead);
             if (s.lastIndex != 0 && s.lastIndex - guardLen < s.blockLen) {
                 const int shortened = s.lastIndex - guardLen;
                 if (shortened <= 0) break;
@@ -141,9 +178,9 @@ int runConversion(ResampleState& s, int inCount, int outCount, int nChans,
             n -= s.outDone - outCount;
             s.outDone = outCount;
         }
-        if (n > OUTBUFFSIZE) return resampleError("Output array overflow");
-        writeFrames(s, n, nChans);
-        reportProgress(callback, user, s.outDone, outCount);
+        if (n > OUTBUFFSIZE) return fail(io, "Output array overflow");
+        if (writeFrames(io, s, n, nChans) != 0) return kResampleStopped;
+        if (io.progress != nullptr) io.progress(io.context, s.outDone, outCount);
         if (s.outDone >= outCount) return s.outDone;
     }
     return s.outDone;
@@ -203,19 +240,12 @@ int16_t roundShiftSat16(int32_t value, int shift) {
     return static_cast<int16_t>(v);
 }
 
-int readData(ResampleState& state, int inCount, int16_t* buffer1, int16_t* buffer2,
-             int capacity, int nChans, int start) {
+int readData(ResampleState& state, ResampleIo& io, int inCount, int16_t* buffer1,
+             int16_t* buffer2, int capacity, int nChans, int start) {
     const int frames = capacity - start;
     const size_t wanted = static_cast<size_t>(std::max(0, frames * nChans));
     size_t got = 0;
-    if (stageInput != nullptr && wanted > 0) {
-        got = std::fread(state.scratch, sizeof(int16_t), wanted, stageInput);
-        if (std::ferror(stageInput) != 0) {
-            std::fputs("readData: Can't read data!\n", stderr);
-            close_all_streams();
-            end_process(1);
-        }
-    }
+    if (wanted > 0) got = std::min(wanted, io.read(io.context, state.scratch, wanted));
     std::fill(state.scratch + got, state.scratch + wanted, int16_t{0});
     if (nChans == 1) {
         std::memcpy(buffer1 + start, state.scratch, wanted * sizeof(int16_t));
@@ -320,24 +350,23 @@ int linearBlock(const int16_t* input, int16_t* output, double factor, uint32_t& 
     return count;
 }
 
-int convertFiltered(double factor, int inCount, int outCount, int nChans, int interpCoeffs,
-                    const int16_t* Coeffs, const int16_t* Differences, uint16_t scale,
-                    uint16_t Nmult, uint16_t Length, ProgressCallback callback, int32_t user,
-                    TapPath path) {
-    if (nChans != 1 && nChans != 2) return resampleError("only one or two channels");
+int convertFilteredCore(ResampleIo& io, double factor, int inCount, int outCount, int nChans,
+                        int interpCoeffs, const int16_t* Coeffs, const int16_t* Differences,
+                        uint16_t scale, uint16_t Nmult, uint16_t Length, TapPath path) {
+    if (nChans != 1 && nChans != 2) return fail(io, "only one or two channels");
     if (factor < 1.0) scale = static_cast<uint16_t>(std::trunc(scale * factor + 0.5));
     // The guard is checked before it is narrowed to 16 bits; a guard of exactly half the
     // buffer would leave blocks of 0 samples that never advance, so it fails too.
     const double guard = resampleGuardLen(Nmult, factor);
-    if (!(2.0 * guard < IBUFFSIZE)) return resampleError("IBUFFSIZE (or factor) is too small");
-    if (!factorInRange(factor)) return resampleError("factor out of range");
+    if (!(2.0 * guard < IBUFFSIZE)) return fail(io, "IBUFFSIZE (or factor) is too small");
+    if (!factorInRange(factor)) return fail(io, "factor out of range");
     const bool up = factor >= 1.0;
     const uint32_t dh = up ? kOne : resampleTableStep(factor);
     const auto guardLen = static_cast<uint16_t>(guard);
     // A filter file's table may reach further than its Nmult says; its taps would then fall
     // outside the block's history.
     if (dh == 0 || TapTable::maxTaps(Length, dh) >= guardLen) {
-        return resampleError("filter is longer than its Nmult allows");
+        return fail(io, "filter is longer than its Nmult allows");
     }
 
     auto state = newState();
@@ -348,10 +377,15 @@ int convertFiltered(double factor, int inCount, int outCount, int nChans, int in
         path == TapPath::Auto &&
         TapTable::usable(Coeffs, Differences, Length, interpCoeffs, dh, kMaxTableEntries);
     if (table) {
-        TapTable taps(Coeffs, Differences, Length, interpCoeffs, dh);
+        // The built-in filters' rows are computed once per process, not once per conversion.
+        const bool builtIn = Coeffs == largeFilter().Coeffs || Coeffs == smallFilter().Coeffs;
+        const std::shared_ptr<TapTable> shared =
+            builtIn ? TapTable::shared(Coeffs, Differences, Length, interpCoeffs, dh)
+                    : std::make_shared<TapTable>(Coeffs, Differences, Length, interpCoeffs, dh);
+        TapTable& taps = *shared;
         const uint32_t timeStep = resampleTimeStep(factor);
         ResampleState& s = *state;
-        return runConversion(s, inCount, outCount, nChans, callback, user,
+        return runConversion(s, io, inCount, outCount, nChans,
                              [&](const int16_t* input, int16_t* output, uint32_t& timeReg) {
                                  reverseInto(input, s.reversed);
                                  return filterBlockTable(input, s.reversed, output, timeReg,
@@ -359,7 +393,7 @@ int convertFiltered(double factor, int inCount, int outCount, int nChans, int in
                              });
     }
     ResampleState& s = *state;
-    return runConversion(s, inCount, outCount, nChans, callback, user,
+    return runConversion(s, io, inCount, outCount, nChans,
                          [&](const int16_t* input, int16_t* output, uint32_t& timeReg) {
                              if (up) {
                                  return filterBlockUp(input, output, factor, timeReg, s.blockLen,
@@ -372,15 +406,31 @@ int convertFiltered(double factor, int inCount, int outCount, int nChans, int in
                          });
 }
 
+int convertFiltered(double factor, int inCount, int outCount, int nChans, int interpCoeffs,
+                    const int16_t* Coeffs, const int16_t* Differences, uint16_t scale,
+                    uint16_t Nmult, uint16_t Length, ProgressCallback callback, int32_t user,
+                    TapPath path) {
+    return onStageFiles(callback, user, [&](ResampleIo& io) {
+        return convertFilteredCore(io, factor, inCount, outCount, nChans, interpCoeffs, Coeffs,
+                                   Differences, scale, Nmult, Length, path);
+    });
+}
+
 int convertLinear(double factor, int inCount, int outCount, int nChans,
                   ProgressCallback callback, int32_t user) {
-    if (nChans != 1 && nChans != 2) return resampleError("only one or two channels");
-    if (!factorInRange(factor)) return resampleError("factor out of range");
+    return onStageFiles(callback, user, [&](ResampleIo& io) {
+        return convertLinearCore(io, factor, inCount, outCount, nChans);
+    });
+}
+
+int convertLinearCore(ResampleIo& io, double factor, int inCount, int outCount, int nChans) {
+    if (nChans != 1 && nChans != 2) return fail(io, "only one or two channels");
+    if (!factorInRange(factor)) return fail(io, "factor out of range");
     auto state = newState();
     state->guardLen = 10;
     state->blockLen = IBUFFSIZE - 20;
     ResampleState& s = *state;
-    return runConversion(s, inCount, outCount, nChans, callback, user,
+    return runConversion(s, io, inCount, outCount, nChans,
                          [&](const int16_t* input, int16_t* output, uint32_t& timeReg) {
                              return linearBlock(input, output, factor, timeReg, s.blockLen);
                          });

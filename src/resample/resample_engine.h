@@ -1,8 +1,9 @@
-// The resampling engine: converts interleaved 16-bit frames read from stageInput to another
-// rate by a real factor and writes them to stageOutput, in fixed point throughout: a position
-// register with 15 fraction bits, a tabulated band-limited filter evaluated at the exact
-// fractional position, rounding with saturation to 16 bits. A linear mode interpolates
-// between neighbouring samples instead.
+// The resampling engine: converts interleaved 16-bit frames to another rate by a real factor,
+// in fixed point throughout: a position register with 15 fraction bits, a tabulated
+// band-limited filter evaluated at the exact fractional position, rounding with saturation to
+// 16 bits. A linear mode interpolates between neighbouring samples instead. The core takes its
+// input from and hands its output to a ResampleIo; the file form (resample, convertFiltered,
+// convertLinear) reads stageInput, writes stageOutput and prints its errors.
 #pragma once
 
 #include <cstdint>
@@ -39,6 +40,20 @@ struct ResampleState {
     int outDone;
 };
 
+// The core's connections. read fills up to n samples (interleaved frames) and returns how
+// many; fewer only at the end of the input. write takes n interleaved samples and returns 0,
+// or non-zero to stop the conversion (the core then returns kResampleStopped). progress, when
+// set, is told after every block. A failing core leaves its message in failure.
+struct ResampleIo {
+    size_t (*read)(void* context, int16_t* dst, size_t n);
+    int (*write)(void* context, const int16_t* samples, size_t n);
+    void (*progress)(void* context, int outDone, int outCount);
+    void* context;
+    const char* failure;
+};
+
+inline constexpr int kResampleStopped = -2;
+
 // How the filter taps are summed. Plain follows the table lookups tap by tap. Auto sums
 // cached coefficient rows with vector instructions whenever the filter allows it (always for
 // the built-in filters), with identical output.
@@ -56,11 +71,19 @@ int convertFiltered(double factor, int inCount, int outCount, int nChans, int in
 int convertLinear(double factor, int inCount, int outCount, int nChans,
                   ProgressCallback callback, int32_t user);
 
+// The cores behind convertFiltered and convertLinear: the number of output frames written,
+// -1 on an error (message in io.failure) or kResampleStopped.
+int convertFilteredCore(ResampleIo& io, double factor, int inCount, int outCount, int nChans,
+                        int interpCoeffs, const int16_t* Coeffs, const int16_t* Differences,
+                        uint16_t scale, uint16_t Nmult, uint16_t Length,
+                        TapPath path = TapPath::Auto);
+int convertLinearCore(ResampleIo& io, double factor, int inCount, int outCount, int nChans);
+
 // Fills buffer1 (and buffer2 with two channels) from index start with the next frames of
-// stageInput, zeros past its end. Returns the buffer index of the input's last frame when the
+// the input, zeros past its end. Returns the buffer index of the input's last frame when the
 // whole input (inCount frames) fits in this read, else 0.
-int readData(ResampleState& state, int inCount, int16_t* buffer1, int16_t* buffer2,
-             int capacity, int nChans, int start);
+int readData(ResampleState& state, ResampleIo& io, int inCount, int16_t* buffer1,
+             int16_t* buffer2, int capacity, int nChans, int start);
 
 int filterBlockUp(const int16_t* input, int16_t* output, double factor, uint32_t& timeReg,
                   uint16_t blockLen, uint16_t Length, uint16_t scale, const int16_t* Coeffs,

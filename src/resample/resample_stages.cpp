@@ -3,7 +3,6 @@
 // data size (40). Sizes written back wrap in 32 bits as the fields do.
 #include "resample/resample_stages.h"
 
-
 #include <cmath>
 #include <climits>
 #include <cstdio>
@@ -11,33 +10,17 @@
 #include <string>
 
 #include "platform/platform.h"
+#include "resample/mix_core.h"
 #include "resample/resample_engine.h"
 
 namespace kavolib {
 
 namespace {
 
-struct WavHeader {
-    uint8_t bytes[kWavHeaderSize];
-};
-
-uint32_t get32(const WavHeader& h, int at) {
-    return uint32_t{h.bytes[at]} | uint32_t{h.bytes[at + 1]} << 8 |
-           uint32_t{h.bytes[at + 2]} << 16 | uint32_t{h.bytes[at + 3]} << 24;
-}
-
-int16_t get16(const WavHeader& h, int at) {
-    return static_cast<int16_t>(h.bytes[at] | h.bytes[at + 1] << 8);
-}
-
-void put32(WavHeader& h, int at, uint32_t v) {
-    for (int i = 0; i < 4; ++i) h.bytes[at + i] = static_cast<uint8_t>(v >> (8 * i));
-}
-
-void put16(WavHeader& h, int at, int v) {
-    h.bytes[at] = static_cast<uint8_t>(v & 0xFF);
-    h.bytes[at + 1] = static_cast<uint8_t>((v >> 8) & 0xFF);
-}
+uint32_t get32(const WavHeader& h, int at) { return wav_get32(h.bytes, at); }
+int16_t get16(const WavHeader& h, int at) { return wav_get16(h.bytes, at); }
+void put32(WavHeader& h, int at, uint32_t v) { wav_put32(h.bytes, at, v); }
+void put16(WavHeader& h, int at, int v) { wav_put16(h.bytes, at, static_cast<uint32_t>(v)); }
 
 [[noreturn]] void failStage() {
     close_all_streams();
@@ -111,7 +94,7 @@ void mix_to_mono(const char* inPath, const char* outPath, ProgressCallback callb
         const size_t got = std::fread(in, sizeof(int16_t), wanted, stageInput);
         std::memset(in + got, 0, (wanted - got) * sizeof(int16_t));
         for (int f = 0; f < count; ++f) {
-            out[f] = mono ? in[f] : static_cast<int16_t>((in[2 * f] + in[2 * f + 1]) / 2);
+            out[f] = mono ? in[f] : mix_pair(in[2 * f], in[2 * f + 1]);
             if (callback != nullptr) {
                 const double share = static_cast<double>(done + f) / static_cast<double>(n);
                 callback(user, 0, 100, 40 - static_cast<int>(std::trunc(share * (-20.0))), 1);

@@ -7,10 +7,9 @@
 #include <cstdint>
 
 #include "kavo/kavo.h"
+#include "platform/wav_header.h"
 
 namespace kavolib {
-
-inline constexpr int kWavHeaderSize = 44;
 
 // Progress 40 .. 59, once per frame.
 void mix_to_mono(const char* inPath, const char* outPath, ProgressCallback callback,

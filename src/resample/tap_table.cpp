@@ -1,7 +1,11 @@
 // Cached coefficient rows and the rounded dot product over them.
 #include "resample/tap_table.h"
 
+#include <algorithm>
 #include <cstddef>
+#include <vector>
+
+#include "simd/simd.h"
 
 #if defined(__x86_64__)
 #include <immintrin.h>
@@ -45,7 +49,7 @@ uint32_t bothPortable(const int16_t* cl, int wl, const int16_t* xl, const int16_
 }
 
 #if defined(__x86_64__)
-__attribute__((target("avx2"))) inline __m256i wideTaps(__m256i acc, const int16_t* c,
+KAVO_AVX2 inline __m256i wideTaps(__m256i acc, const int16_t* c,
                                                         const int16_t* x) {
     const __m256i vc = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(c));
     const __m256i vx = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(x));
@@ -59,7 +63,7 @@ __attribute__((target("avx2"))) inline __m256i wideTaps(__m256i acc, const int16
     return _mm256_add_epi32(acc, _mm256_add_epi32(p0, p1));
 }
 
-__attribute__((target("avx2"))) inline __m256i narrowTaps(__m256i acc, const int16_t* c2,
+KAVO_AVX2 inline __m256i narrowTaps(__m256i acc, const int16_t* c2,
                                                           const int16_t* x) {
     const __m256i vc = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(c2));
     const __m256i vx = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(x));
@@ -70,7 +74,7 @@ __attribute__((target("avx2"))) inline __m256i narrowTaps(__m256i acc, const int
 // Both wings of one output sample; row lengths are whole vectors. The wings are walked side by
 // side, so each step covers a vector of both: first while both hold wide coefficients, then while
 // one of them does, then the narrow rest.
-__attribute__((target("avx2"))) uint32_t bothAvx2(const int16_t* cl, int wl, const int16_t* xl,
+KAVO_AVX2 uint32_t bothAvx2(const int16_t* cl, int wl, const int16_t* xl,
                                                   const int16_t* cr, int wr, const int16_t* xr,
                                                   int n) {
     __m256i left = _mm256_setzero_si256();
@@ -146,15 +150,29 @@ TapTable::TapTable(const int16_t* Coeffs, const int16_t* Differences, uint16_t L
       interp_(interpCoeffs),
       dh_(dh),
       rowLen_((maxTaps(Length, dh) + kVector - 1) / kVector * kVector),
-      rows_(static_cast<size_t>(rowLen_) * (dh + 1)),
-      wide_(dh + 1),
-      countLeft_(dh + 1),
-      countRight_(dh + 1),
-      filled_(dh + 1),
+      rows_(new int16_t[static_cast<size_t>(rowLen_) * (dh + 1)]),
+      info_(new RowInfo[dh + 1]()),
       kernel_(bothPortable) {
 #if defined(__x86_64__)
-    if (__builtin_cpu_supports("avx2")) kernel_ = bothAvx2;
+    if (use_avx2()) kernel_ = bothAvx2;
 #endif
+}
+
+std::shared_ptr<TapTable> TapTable::shared(const int16_t* Coeffs, const int16_t* Differences,
+                                           uint16_t Length, int interpCoeffs, uint32_t dh) {
+    constexpr size_t kKept = 16;
+    static std::mutex lock;
+    static std::vector<std::shared_ptr<TapTable>> kept;
+    const std::lock_guard<std::mutex> guard(lock);
+    for (const auto& table : kept) {
+        if (table->coeffs_ == Coeffs && table->differences_ == Differences &&
+            table->length_ == Length && table->interp_ == interpCoeffs && table->dh_ == dh) {
+            return table;
+        }
+    }
+    auto table = std::make_shared<TapTable>(Coeffs, Differences, Length, interpCoeffs, dh);
+    if (kept.size() < kKept) kept.push_back(table);
+    return table;
 }
 
 void TapTable::usePortableKernel() {
@@ -162,8 +180,11 @@ void TapTable::usePortableKernel() {
 }
 
 const int16_t* TapTable::row(uint32_t start) {
-    int16_t* out = rows_.data() + static_cast<size_t>(start) * static_cast<size_t>(rowLen_);
-    if (filled_[start] != 0) return out;
+    int16_t* out = rows_.get() + static_cast<size_t>(start) * static_cast<size_t>(rowLen_);
+    RowInfo& info = info_[start];
+    if (info.filled.load(std::memory_order_acquire) != 0) return out;
+    const std::lock_guard<std::mutex> lock(fill_);
+    if (info.filled.load(std::memory_order_relaxed) != 0) return out;
     int left = 0;
     int right = 0;
     int wideChunks = 0;
@@ -174,10 +195,11 @@ const int16_t* TapTable::row(uint32_t start) {
         if ((pos >> 7) + 1u < length_) right = left;
     }
     for (int j = wideChunks * kVector; j < left; ++j) out[j] = static_cast<int16_t>(2 * out[j]);
-    wide_[start] = static_cast<uint16_t>(wideChunks * kVector);
-    countLeft_[start] = static_cast<uint16_t>(left);
-    countRight_[start] = static_cast<uint16_t>(right);
-    filled_[start] = 1;
+    std::fill(out + left, out + rowLen_, int16_t{0});
+    info.wide = static_cast<uint16_t>(wideChunks * kVector);
+    info.countLeft = static_cast<uint16_t>(left);
+    info.countRight = static_cast<uint16_t>(right);
+    info.filled.store(1, std::memory_order_release);
     return out;
 }
 
@@ -187,8 +209,8 @@ void TapTable::prefetch(uint32_t timeReg) const {
     const uint32_t startLeft = (phaseLeft * dh_) >> 15;
     const uint32_t startRight = ((phaseRight * dh_) >> 15) + (phaseRight == 0 ? dh_ : 0u);
     const auto bytes = static_cast<size_t>(rowLen_) * sizeof(int16_t);
-    const char* left = reinterpret_cast<const char*>(rows_.data() + startLeft * size_t(rowLen_));
-    const char* right = reinterpret_cast<const char*>(rows_.data() + startRight * size_t(rowLen_));
+    const char* left = reinterpret_cast<const char*>(rows_.get() + startLeft * size_t(rowLen_));
+    const char* right = reinterpret_cast<const char*>(rows_.get() + startRight * size_t(rowLen_));
     for (size_t at = 0; at < bytes; at += 64) {
         __builtin_prefetch(left + at);
         __builtin_prefetch(right + at);
@@ -204,9 +226,10 @@ int32_t TapTable::sum(const int16_t* reversedAtI, const int16_t* inputAfterI, ui
     const int16_t* cl = row(startLeft);
     const int16_t* cr = row(startRight);
     uint32_t total =
-        kernel_(cl, wide_[startLeft], reversedAtI, cr, wide_[startRight], inputAfterI, rowLen_);
+        kernel_(cl, info_[startLeft].wide, reversedAtI, cr, info_[startRight].wide, inputAfterI,
+                rowLen_);
     // Taps at the table's last entry belong to the left wing only.
-    for (int j = countRight_[startRight]; j < countLeft_[startRight]; ++j) {
+    for (int j = info_[startRight].countRight; j < info_[startRight].countLeft; ++j) {
         const uint32_t pos = startRight + static_cast<uint32_t>(j) * dh_;
         total -=
             roundedTap(static_cast<int16_t>(coefficientAt(coeffs_, differences_, interp_, pos)),

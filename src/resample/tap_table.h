@@ -5,8 +5,10 @@
 // identical to summing tap by tap.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
-#include <vector>
+#include <memory>
+#include <mutex>
 
 namespace kavolib {
 
@@ -20,6 +22,12 @@ public:
     // dh: the table step per tap in 1/128 entry (32768 when the filter is not stretched).
     TapTable(const int16_t* Coeffs, const int16_t* Differences, uint16_t Length,
              int interpCoeffs, uint32_t dh);
+
+    // The table of a filter whose arrays live as long as the process (the built-in ones) at
+    // step dh, shared by every conversion: each row is computed once per process. A few
+    // tables are kept; past that each caller gets a table of its own.
+    static std::shared_ptr<TapTable> shared(const int16_t* Coeffs, const int16_t* Differences,
+                                            uint16_t Length, int interpCoeffs, uint32_t dh);
 
     // The sum of both wings for the output at timeReg (input index i = timeReg >> 15):
     // the left wing read from the reversed buffer at index IBUFFSIZE-1-i (input[i] and
@@ -47,12 +55,19 @@ private:
     uint32_t dh_;
     int rowLen_;  // maxTaps rounded up to whole vectors; entries past a row's taps are 0
     // Per row: the leading whole vectors holding a coefficient of 2^14 or more in magnitude
-    // are stored as is; the rest are stored doubled for the narrow sum.
-    std::vector<int16_t> rows_;
-    std::vector<uint16_t> wide_;
-    std::vector<uint16_t> countLeft_;   // taps with table index below Length
-    std::vector<uint16_t> countRight_;  // taps with table index below Length - 1
-    std::vector<uint8_t> filled_;
+    // are stored as is; the rest are stored doubled for the narrow sum. A row's memory is
+    // only written when the row is first used: the whole table runs to megabytes, of which a
+    // short conversion touches little. A row is written once, under the lock, before its
+    // filled flag is set; readers that see the flag need no lock.
+    std::unique_ptr<int16_t[]> rows_;
+    struct RowInfo {
+        uint16_t wide;
+        uint16_t countLeft;   // taps with table index below Length
+        uint16_t countRight;  // taps with table index below Length - 1
+        std::atomic<uint8_t> filled;
+    };
+    std::unique_ptr<RowInfo[]> info_;  // zeroed: no row filled yet
+    std::mutex fill_;
     Kernel kernel_;
 };
 

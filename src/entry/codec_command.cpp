@@ -1,6 +1,6 @@
 // The codec command dispatcher: selects the operation by command number and hands back its
 // three result words. Layer I and II decoding and all encoding are not provided.
-#include "frame/codec.h"
+#include "entry/codec_command.h"
 
 #include <cstdio>
 

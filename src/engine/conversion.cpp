@@ -1,0 +1,504 @@
+// The conversion object. What the file chain learns only at its end (the rate and channel
+// count of the last frame delivered, hence the mono frame count N and the 8000 Hz count M)
+// comes from the header scan, so every output byte can be made as the input is decoded:
+// granules are rounded to 16 bits and laid out as the decoded file holds them (each granule
+// with its own frame's channel count), read back as frames of the last frame's channel count
+// and mixed, resampled by the same engine with the same counts, and coded 160 samples at a time.
+//
+// Where the machine has more than one core, the decode (frames, granules, the rounding to 16
+// bits) runs on a thread of its own, a few blocks of granules ahead of the mix, the resampler
+// and the coder, which stay on the caller's thread with the write and progress callbacks. The
+// caller takes the granules in the same order and at the same points either way, so the bytes,
+// the progress values and the statuses do not depend on the thread.
+#include "engine/conversion.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <system_error>
+
+// libstdc++ built for the Windows thread model without gthreads (mingw-w64's win32 flavour
+// before GCC 13) has no std::thread: there the decode stays on the caller's thread.
+#if !defined(__GLIBCXX__) || defined(_GLIBCXX_HAS_GTHREADS)
+#define KAVO_DECODE_THREAD 1
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#else
+#define KAVO_DECODE_THREAD 0
+#endif
+
+#include "adpcm/adpcm_core.h"
+#include "engine/stream_scan.h"
+#include "frame/codec.h"
+#include "layer3/layer3.h"
+#include "layer3/layer3_state.h"
+#include "pcmout/pcm_output.h"
+#include "resample/filter_set.h"
+#include "resample/mix_core.h"
+#include "resample/resample_engine.h"
+
+namespace kavolib {
+
+namespace {
+
+constexpr int kGranuleValues = 2 * kGranuleSamples;
+// ADPCM frames handed to the write function at once (8000 bytes, one second of output).
+constexpr int kOutputFrames = 100;
+// The decode runs at most kBlocks blocks of kBlockGranules granules ahead of the mix (some
+// 150 kB, whatever the input's length).
+constexpr int kBlockGranules = 16;
+constexpr int kBlocks = 4;
+
+// The decode: the frame layer and the Layer III decoder with their own states.
+class Decoder {
+public:
+    explicit Decoder(ByteSource& source) : source_(source) {}
+
+    void reset() {
+        frames_.sync_state = sync_pending;
+        frames_.current = BitPosition{frames_.stream.bytes, 0, 0};
+        layer3_reset(layer3_);
+    }
+
+    // One granule of the current frame (the next frame first when this one is done), decoded
+    // as the decode loop does it (granule 1 starts where granule 0 ended when that had no
+    // error) and rounded to 16 bits as the decoded file holds it, both channels interleaved.
+    // Returns the number of values, 0 at the end of the decode.
+    int next(int16_t* out) {
+        if (granule_ >= granules_in_frame_) {
+            const FrameRead read = read_frame_from(frames_, reader_, header_, source_);
+            // The scan has refused inputs with a Layer I or II frame; stop at one all the same.
+            if (read.result != 0 || header_.layer != 3) return 0;
+            granules_in_frame_ = header_.granules;
+            granule_ = 0;
+            carried_error_ = 0;
+        }
+        GranuleJob& job = job_;
+        job.buffer = frames_.stream.bytes;
+        job.bit_offset = frames_.current.bit_offset;
+        job.byte_index = frames_.current.byte_index;
+        job.pcm_buffers = pcm_pointers_;
+        job.channel_flags = channel_flags_;
+        job.buffer_lengths = buffer_lengths_;
+        job.granule = granule_;
+        job.conceal_limit = 0;
+        const CodecResult result = decode_granule(layer3_, reader_, header_, carried_error_, job);
+        carried_error_ = result.error;
+        if (result.error == 0) {
+            const auto* next = static_cast<const BitPosition*>(result.result);
+            frames_.current.bit_offset = next->bit_offset;
+            frames_.current.byte_index = next->byte_index;
+        }
+        ++granule_;
+        if (frames_.pcm_channels == 2) {
+            pcm_samples16_stereo(pcm_[0], pcm_[1], out, kGranuleSamples);
+            return 2 * kGranuleSamples;
+        }
+        pcm_samples16(pcm_[0], out, kGranuleSamples);
+        return kGranuleSamples;
+    }
+
+private:
+    ByteSource& source_;
+    FrameState frames_{};
+    BitReader reader_{};
+    FrameHeader header_{};
+    Layer3State layer3_{};
+    alignas(64) double pcm_[2][kGranuleSamples] = {};
+    double* pcm_pointers_[2] = {pcm_[0], pcm_[1]};
+    int32_t channel_flags_[2] = {1, 1};
+    int32_t buffer_lengths_[2] = {kGranuleSamples, kGranuleSamples};
+    GranuleJob job_{};
+    int32_t granule_ = 0;
+    int32_t granules_in_frame_ = 0;
+    int32_t carried_error_ = 0;
+};
+
+struct GranuleBlock {
+    int16_t values[kBlockGranules][kGranuleValues];
+    int counts[kBlockGranules];
+    int granules;  // decoded into this block
+    bool last;     // the decode ended after them
+};
+
+// The decoded granules in order, from the decoder run on demand on the caller's thread or from
+// a decode thread through a ring of kBlocks blocks. The caller sees the same granules either way.
+class GranuleFeed {
+public:
+    explicit GranuleFeed(Decoder& decoder) : decoder_(decoder) {}
+    GranuleFeed(const GranuleFeed&) = delete;
+    GranuleFeed& operator=(const GranuleFeed&) = delete;
+    ~GranuleFeed() { stop(); }
+
+    // Starts the decode thread when asked to and when one can be had.
+    void start(bool decode_thread) {
+#if KAVO_DECODE_THREAD
+        if (!decode_thread) return;
+        try {
+            thread_ = std::thread(&GranuleFeed::produce, this);
+            threaded_ = true;
+        } catch (const std::system_error&) {
+            threaded_ = false;  // no thread to be had: decode on demand
+        }
+#else
+        (void)decode_thread;
+#endif
+    }
+
+    // The next granule's values (valid until the next call) and their count; 0 at the end.
+    int next(const int16_t*& values) {
+        while (block_ == nullptr || position_ == block_->granules) {
+            if (block_ != nullptr && block_->last) return 0;
+            block_ = take();
+            position_ = 0;
+        }
+        values = block_->values[position_];
+        return block_->counts[position_++];
+    }
+
+    // Takes what is left of the decode, so that the input is read to its end either way.
+    void drain() {
+        const int16_t* values = nullptr;
+        while (next(values) != 0) {
+        }
+    }
+
+    // Ends the decode thread (at its next granule) and waits for it.
+    void stop() {
+#if KAVO_DECODE_THREAD
+        if (!thread_.joinable()) return;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stop_.store(true, std::memory_order_relaxed);
+        }
+        free_.notify_one();
+        thread_.join();
+#endif
+    }
+
+private:
+    // Decodes up to a block of granules.
+    void fill(GranuleBlock& block) {
+        block.granules = 0;
+        block.last = false;
+        while (block.granules < kBlockGranules) {
+#if KAVO_DECODE_THREAD
+            if (stop_.load(std::memory_order_relaxed)) break;
+#endif
+            const int count = decoder_.next(block.values[block.granules]);
+            if (count == 0) {
+                block.last = true;
+                break;
+            }
+            block.counts[block.granules++] = count;
+        }
+    }
+
+    // The next block: decoded now, or the decode thread's next one once it is ready (the one
+    // read before goes back to the thread).
+    const GranuleBlock* take() {
+#if KAVO_DECODE_THREAD
+        if (threaded_) {
+            std::unique_lock<std::mutex> lock(mutex_);
+            if (block_ != nullptr) {
+                --filled_;
+                ++taken_;
+                free_.notify_one();
+            }
+            ready_.wait(lock, [this] { return filled_ > 0; });
+            return &blocks_[taken_ % kBlocks];
+        }
+#endif
+        fill(blocks_[0]);
+        return &blocks_[0];
+    }
+
+#if KAVO_DECODE_THREAD
+    // The decode thread: fills the free blocks in turn until the decode ends or stop() is called.
+    void produce() {
+        for (unsigned made = 0;; ++made) {
+            {
+                std::unique_lock<std::mutex> lock(mutex_);
+                free_.wait(lock, [this] {
+                    return filled_ < kBlocks || stop_.load(std::memory_order_relaxed);
+                });
+                if (stop_.load(std::memory_order_relaxed)) return;
+            }
+            GranuleBlock& block = blocks_[made % kBlocks];
+            fill(block);
+            const bool last = block.last;
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                ++filled_;
+            }
+            ready_.notify_one();
+            if (last) return;
+        }
+    }
+#endif
+
+    Decoder& decoder_;
+    GranuleBlock blocks_[kBlocks];
+    const GranuleBlock* block_ = nullptr;  // the block being read
+    int position_ = 0;                      // its next granule
+#if KAVO_DECODE_THREAD
+    bool threaded_ = false;
+    std::mutex mutex_;
+    std::condition_variable ready_;  // a block was filled
+    std::condition_variable free_;   // a block was given back, or stop() was called
+    int filled_ = 0;                 // blocks filled and not yet given back
+    unsigned taken_ = 0;             // blocks given back
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+#endif
+};
+
+// The decode thread is used where the machine has more than one core, unless
+// KAVO_ENGINE_THREADS=1 asks for everything on the caller's thread.
+bool want_decode_thread() {
+#if KAVO_DECODE_THREAD
+    const char* force = std::getenv("KAVO_ENGINE_THREADS");
+    if (force != nullptr && std::strcmp(force, "1") == 0) return false;
+    static const bool several_cores = std::thread::hardware_concurrency() > 1;
+    return several_cores;
+#else
+    return false;
+#endif
+}
+
+class Conversion {
+public:
+    Conversion(EngineInput& input, float gain, kavo_write_fn write, kavo_progress_fn progress,
+               void* user)
+        : input_(input), gain_(gain), write_(write), progress_(progress), user_(user) {}
+
+    int run(char* message, size_t message_size);
+
+private:
+    int fail(int status, const char* format, ...) __attribute__((format(printf, 3, 4)));
+    bool next_granule();
+    size_t read_mono(int16_t* dst, size_t n);
+    int take_output(const int16_t* samples, size_t n);
+    bool flush_output();
+    void report(int percent);
+
+    static size_t read_mono_io(void* context, int16_t* dst, size_t n) {
+        return static_cast<Conversion*>(context)->read_mono(dst, n);
+    }
+    static int write_io(void* context, const int16_t* samples, size_t n) {
+        return static_cast<Conversion*>(context)->take_output(samples, n);
+    }
+
+    EngineInput& input_;
+    float gain_;
+    kavo_write_fn write_;
+    kavo_progress_fn progress_;
+    void* user_;
+    char* message_ = nullptr;
+    size_t message_size_ = 0;
+
+    Decoder decoder_{input_.source};
+    int64_t granules_done_ = 0;
+    int64_t granules_total_ = 0;
+    int last_percent_ = -1;
+
+    // The decoded values as the decoded file would hold them, and the mix reading them back:
+    // the current granule's values, or the carry when a frame was split between granules.
+    const int16_t* values_ = nullptr;
+    int value_count_ = 0;
+    int value_position_ = 0;
+    int16_t carry_[kGranuleValues + 1] = {};
+    int channels_ = 1;  // of the last frame delivered: how the decoded values are read back
+    int64_t mono_done_ = 0;
+    int64_t mono_total_ = 0;  // N
+
+    // The coder.
+    AdpcmState adpcm_{};
+    int16_t frame_[kAdpcmFrameSamples] = {};
+    int frame_fill_ = 0;
+    uint8_t output_[kOutputFrames * kAdpcmFrameBytes] = {};
+    size_t output_fill_ = 0;
+    bool stopped_ = false;
+
+    // Declared last, so that it is destroyed first: the decode thread ends before anything
+    // it uses goes.
+    GranuleFeed feed_{decoder_};
+};
+
+int Conversion::fail(int status, const char* format, ...) {
+    if (message_ != nullptr && message_size_ > 0) {
+        va_list args;
+        va_start(args, format);
+        std::vsnprintf(message_, message_size_, format, args);
+        va_end(args);
+    }
+    return status;
+}
+
+void Conversion::report(int percent) {
+    if (progress_ == nullptr || percent <= last_percent_) return;
+    last_percent_ = percent;
+    progress_(user_, percent);
+}
+
+// The next granule's values behind what the last read-back left over (a frame split between
+// granules); false at the end of the decode.
+bool Conversion::next_granule() {
+    // The leftover first: the block it lies in may go back to the decode thread below.
+    const int left = value_count_ - value_position_;
+    if (left > 0) std::memmove(carry_, values_ + value_position_, sizeof(int16_t) * static_cast<size_t>(left));
+    const int16_t* granule = nullptr;
+    const int count = feed_.next(granule);
+    if (count == 0) {
+        values_ = carry_;
+        value_position_ = 0;
+        value_count_ = left;
+        return false;
+    }
+    if (left > 0) {
+        std::memcpy(carry_ + left, granule, sizeof(int16_t) * static_cast<size_t>(count));
+        values_ = carry_;
+    } else {
+        values_ = granule;
+    }
+    value_position_ = 0;
+    value_count_ = left + count;
+
+    ++granules_done_;
+    report(static_cast<int>(std::min<int64_t>(99, granules_done_ * 100 / granules_total_)));
+    return true;
+}
+
+// Up to n mono samples: N of them in all, past the end of the decoded values as silence.
+size_t Conversion::read_mono(int16_t* dst, size_t n) {
+    size_t produced = 0;
+    while (produced < n && mono_done_ < mono_total_) {
+        if (value_count_ - value_position_ < channels_) {
+            if (!next_granule()) {
+                // Frames the header promised but the decode did not deliver: silence.
+                const auto rest = static_cast<size_t>(
+                    std::min<int64_t>(mono_total_ - mono_done_, static_cast<int64_t>(n - produced)));
+                std::fill(dst + produced, dst + produced + rest, int16_t{0});
+                produced += rest;
+                mono_done_ += static_cast<int64_t>(rest);
+                break;
+            }
+            continue;
+        }
+        const int available = (value_count_ - value_position_) / channels_;
+        const auto count = static_cast<int>(std::min<int64_t>(
+            {static_cast<int64_t>(available), mono_total_ - mono_done_,
+             static_cast<int64_t>(n - produced)}));
+        const int16_t* in = values_ + value_position_;
+        int16_t* out = dst + produced;
+        if (channels_ == 2) {
+            for (int f = 0; f < count; ++f) out[f] = mix_pair(in[2 * f], in[2 * f + 1]);
+        } else {
+            std::memcpy(out, in, sizeof(int16_t) * static_cast<size_t>(count));
+        }
+        value_position_ += count * channels_;
+        produced += static_cast<size_t>(count);
+        mono_done_ += count;
+    }
+    return produced;
+}
+
+bool Conversion::flush_output() {
+    if (output_fill_ == 0) return true;
+    const size_t size = output_fill_;
+    output_fill_ = 0;
+    if (write_(user_, output_, size) != 0) stopped_ = true;
+    return !stopped_;
+}
+
+// The resampler's output: whole 160-sample frames are coded; a partial frame at the end is not.
+int Conversion::take_output(const int16_t* samples, size_t n) {
+    for (size_t i = 0; i < n;) {
+        const auto count = std::min(n - i, static_cast<size_t>(kAdpcmFrameSamples - frame_fill_));
+        std::memcpy(frame_ + frame_fill_, samples + i, sizeof(int16_t) * count);
+        frame_fill_ += static_cast<int>(count);
+        i += count;
+        if (frame_fill_ < kAdpcmFrameSamples) break;
+        adpcm_encode_frame(adpcm_, frame_, gain_, output_ + output_fill_);
+        frame_fill_ = 0;
+        output_fill_ += kAdpcmFrameBytes;
+        if (output_fill_ == sizeof output_ && !flush_output()) return 1;
+    }
+    return 0;
+}
+
+int Conversion::run(char* message, size_t message_size) {
+    message_ = message;
+    message_size_ = message_size;
+    const StreamScan scan = scan_stream(input_.source);
+    if (input_.failed(input_.source.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
+    if (scan.has_layer12) {
+        return fail(KAVO_ERROR_FORMAT,
+                    "a Layer %s frame at byte %lld: only MPEG audio Layer III is converted",
+                    scan.layer12_layer == 1 ? "I" : "II",
+                    static_cast<long long>(scan.layer12_offset));
+    }
+    if (scan.layer3_frames == 0) return fail(KAVO_ERROR_FORMAT, "no MPEG audio Layer III frame in the input");
+
+    // The counts of the file chain: N frames of the decoded file's channel count (its data
+    // size and block align as the header holds them), M = N x 8000 / rate, rounded.
+    channels_ = scan.last_channels;
+    const auto data_size = static_cast<int32_t>(static_cast<uint32_t>(2 * scan.pcm_values));
+    const int64_t n_frames = data_size / (2 * channels_);
+    const double factor = 8000.0 / scan.last_rate;
+    const double m_frames = std::trunc(static_cast<double>(n_frames) * factor + 0.5);
+    if (2 * scan.pcm_values > INT32_MAX || n_frames < 1 || !(m_frames >= 1.0)) {
+        return fail(KAVO_ERROR_FORMAT, "the input is too long: %lld decoded values",
+                    static_cast<long long>(scan.pcm_values));
+    }
+    mono_total_ = n_frames;
+    granules_total_ = scan.pcm_frames / kGranuleSamples;
+
+    if (!input_.rewind(input_.source.context)) return fail(KAVO_ERROR_READ, "the input cannot be read again");
+    decoder_.reset();
+    adpcm_init(adpcm_);
+    report(0);
+    feed_.start(want_decode_thread());
+
+    const FilterSet filter = largeFilter();
+    ResampleIo io{read_mono_io, write_io, nullptr, this, nullptr};
+    const int written = convertFilteredCore(
+        io, factor, static_cast<int>(n_frames), static_cast<int>(m_frames), 1, 1, filter.Coeffs,
+        filter.Differences, resampleScale(filter.ScaleFactor), filter.Nmult, filter.Length);
+    // Finished or not, the decode ends here: read to the input's end after a complete
+    // conversion (as the decode on demand would be), stopped at once after a failure.
+    if (written >= 0 && written != kResampleStopped && !stopped_) feed_.drain();
+    feed_.stop();
+    if (written == kResampleStopped || stopped_) return fail(KAVO_ERROR_STOPPED, "the write function asked to stop");
+    if (written < 0) return fail(KAVO_ERROR_FORMAT, "resampling failed: %s", io.failure != nullptr ? io.failure : "");
+    if (input_.failed(input_.source.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
+    if (written < 1) return fail(KAVO_ERROR_FORMAT, "the input is too short to convert");
+    if (!flush_output()) return fail(KAVO_ERROR_STOPPED, "the write function asked to stop");
+    report(100);
+    if (message_ != nullptr && message_size_ > 0) message_[0] = '\0';
+    return KAVO_OK;
+}
+
+}  // namespace
+
+int run_engine(EngineInput& input, float gain, kavo_write_fn write, kavo_progress_fn progress,
+               void* user, char* message, size_t message_size) {
+    try {
+        auto conversion = std::make_unique<Conversion>(input, gain, write, progress, user);
+        return conversion->run(message, message_size);
+    } catch (const std::bad_alloc&) {
+        if (message != nullptr && message_size > 0) {
+            std::snprintf(message, message_size, "out of memory");
+        }
+        return KAVO_ERROR_MEMORY;
+    }
+}
+
+}  // namespace kavolib

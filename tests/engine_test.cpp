@@ -1,0 +1,305 @@
+// The conversion engine through its C API: byte for byte the output of kavo() (run in a host
+// process) for every fixture, every conformance bitstream and three gains, with kavo()'s fatal
+// inputs refused before any byte is written; and every error status from a real cause.
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "kavo/kavo.h"
+#include "process.h"
+
+using kavotest::read_file;
+using kavotest::run_process;
+using kavotest::TempDir;
+using kavotest::write_file;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Collected {
+    std::string bytes;
+    int writes = 0;
+    int stop_after = -1;  // writes before the write function asks to stop (-1: never)
+    std::vector<int> progress;
+};
+
+int collect(void* user, const void* bytes, size_t size) {
+    auto* c = static_cast<Collected*>(user);
+    if (c->writes++ == c->stop_after) return 1;
+    c->bytes.append(static_cast<const char*>(bytes), size);
+    return 0;
+}
+
+void note_progress(void* user, int percent) { static_cast<Collected*>(user)->progress.push_back(percent); }
+
+int convert_memory(const std::string& mp3, float gain, Collected& out, std::string* message = nullptr) {
+    char text[256] = "unset";
+    const int status = kavo_convert_memory(mp3.data(), mp3.size(), gain, collect, note_progress,
+                                           &out, text, sizeof text);
+    if (message != nullptr) *message = text;
+    return status;
+}
+
+std::vector<std::string> all_inputs() {
+    std::vector<std::string> inputs;
+    for (const auto& entry : fs::directory_iterator(KAVO_FIXTURES_DIR)) {
+        const std::string ext = entry.path().extension().string();
+        if (ext == ".mp3" || ext == ".mp2" || ext == ".mp1") inputs.push_back(entry.path().string());
+    }
+    for (const auto& entry :
+         fs::recursive_directory_iterator(std::string(KAVO_SHARED_DIR) + "/conformance")) {
+        if (entry.path().extension() == ".bit") inputs.push_back(entry.path().string());
+    }
+    std::sort(inputs.begin(), inputs.end());
+    return inputs;
+}
+
+class SameAsKavo : public testing::TestWithParam<std::string> {};
+
+TEST_P(SameAsKavo, EngineGivesKavosBytesOrRefusesWhatKavoDiesOn) {
+    const std::string mp3 = read_file(GetParam());
+    TempDir dir;
+    write_file(dir.file("in.mp3"), mp3);
+    for (const char* gain : {"1.0", "0.5", "2.0"}) {
+        SCOPED_TRACE(gain);
+        fs::remove(dir.file("out.adpcm"));
+        const auto host = run_process({KAVO_C_HOST_PATH, "in.mp3", "out.adpcm", gain}, dir.path());
+        Collected engine;
+        std::string message;
+        const int status = convert_memory(mp3, std::stof(gain), engine, &message);
+        // Everything on the caller's thread gives the same status, calls and bytes.
+        setenv("KAVO_ENGINE_THREADS", "1", 1);
+        Collected alone;
+        std::string alone_message;
+        EXPECT_EQ(convert_memory(mp3, std::stof(gain), alone, &alone_message), status);
+        unsetenv("KAVO_ENGINE_THREADS");
+        EXPECT_EQ(alone_message, message);
+        EXPECT_EQ(alone.writes, engine.writes);
+        EXPECT_EQ(alone.progress, engine.progress);
+        EXPECT_TRUE(alone.bytes == engine.bytes);
+        if (host.exit_code != 0) {
+            // kavo() ends the process on these inputs; the engine refuses them before writing.
+            EXPECT_EQ(host.exit_code, 1);
+            EXPECT_EQ(status, KAVO_ERROR_FORMAT) << message;
+            EXPECT_EQ(engine.writes, 0);
+            continue;
+        }
+        ASSERT_NE(host.out.find("status 1 "), std::string::npos) << host.out;
+        ASSERT_EQ(status, KAVO_OK) << message;
+        EXPECT_EQ(message, "");
+        ASSERT_EQ(engine.bytes.size(), read_file(dir.file("out.adpcm")).size());
+        EXPECT_TRUE(engine.bytes == read_file(dir.file("out.adpcm")));
+        EXPECT_EQ(engine.bytes.size() % 80, 0u);
+        // Progress: from 0, rising, ending with 100.
+        ASSERT_FALSE(engine.progress.empty());
+        EXPECT_EQ(engine.progress.front(), 0);
+        EXPECT_EQ(engine.progress.back(), 100);
+        EXPECT_TRUE(std::is_sorted(engine.progress.begin(), engine.progress.end()));
+    }
+    // The file form writes the same bytes.
+    Collected memory;
+    const int memory_status = convert_memory(mp3, 1.0f, memory);
+    const int file_status = kavo_convert_file(dir.file("in.mp3").c_str(),
+                                              dir.file("engine.adpcm").c_str(), 1.0f, nullptr,
+                                              nullptr, nullptr, 0);
+    EXPECT_EQ(file_status, memory_status);
+    if (file_status == KAVO_OK) {
+        EXPECT_TRUE(read_file(dir.file("engine.adpcm")) == memory.bytes);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(AllInputs, SameAsKavo, testing::ValuesIn(all_inputs()),
+                         [](const testing::TestParamInfo<std::string>& input) {
+                             std::string name = fs::path(input.param).filename().string();
+                             for (char& c : name) {
+                                 if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+                             }
+                             return name;
+                         });
+
+// ---------------------------------------------------------------- errors from real causes
+
+struct ErrorCase {
+    const char* name;
+    int status;
+    const char* message_part;  // a piece of the one-line message
+    // Sets up the case in dir and runs it; returns the status.
+    int (*run)(const TempDir& dir, std::string& message);
+};
+
+std::string fixture(const char* name) { return read_file(std::string(KAVO_FIXTURES_DIR) + "/" + name); }
+
+int file_call(const std::string& in, const std::string& out, float gain, std::string& message) {
+    char text[256] = "unset";
+    const int status = kavo_convert_file(in.empty() ? nullptr : in.c_str(), out.c_str(), gain,
+                                         nullptr, nullptr, text, sizeof text);
+    message = text;
+    return status;
+}
+
+int memory_call(const std::string& mp3, std::string& message, int stop_after = -1) {
+    Collected out;
+    out.stop_after = stop_after;
+    const int status = convert_memory(mp3, 1.0f, out, &message);
+    // A refusal writes nothing; a stop writes nothing after the refused write.
+    if (status != KAVO_OK && status != KAVO_ERROR_STOPPED && out.writes != 0) return 99;
+    if (status == KAVO_ERROR_STOPPED && out.writes != stop_after + 1) return 98;
+    return status;
+}
+
+// The conversion in a child process whose address space is limited to what it uses now plus
+// 64 kB, less than the conversion's state; the child hands back its status and message
+// through a pipe.
+// Every thread allocates from the one heap, so that no other heap's reserve can serve the child.
+[[maybe_unused]] const int one_heap = mallopt(M_ARENA_MAX, 1);
+
+[[maybe_unused]] int in_child_with_little_memory(const std::string& mp3, std::string& message) {
+    int fds[2];
+    if (pipe(fds) != 0) return 97;
+    const pid_t child = fork();
+    if (child == 0) {
+        close(fds[0]);
+        // Take up the heap's free blocks that earlier conversions left, so that the
+        // conversion's state needs fresh memory (one heap for all threads: see below).
+        std::vector<void*> taken;
+        for (void* end = sbrk(0); taken.size() < 100000 && sbrk(0) == end;) taken.push_back(std::malloc(4096));
+        std::ifstream statm("/proc/self/statm");
+        unsigned long pages = 0;
+        statm >> pages;
+        const rlim_t limit = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (64u << 10);
+        const rlimit r{limit, limit};
+        setrlimit(RLIMIT_AS, &r);
+        char text[256] = "unset";
+        Collected out;
+        const int status = kavo_convert_memory(mp3.data(), mp3.size(), 1.0f, collect, nullptr,
+                                               &out, text, sizeof text);
+        const std::string reply = std::to_string(status) + " " + text;
+        if (write(fds[1], reply.data(), reply.size()) < 0) _exit(2);
+        _exit(0);
+    }
+    close(fds[1]);
+    std::string reply;
+    char buffer[256];
+    for (ssize_t got; (got = read(fds[0], buffer, sizeof buffer)) > 0;) reply.append(buffer, static_cast<size_t>(got));
+    close(fds[0]);
+    int wait_status = 0;
+    waitpid(child, &wait_status, 0);
+    const size_t space = reply.find(' ');
+    if (space == std::string::npos) return 96;
+    message = reply.substr(space + 1);
+    return std::stoi(reply.substr(0, space));
+}
+
+const ErrorCase kErrorCases[] = {
+    {"NullInputPath", KAVO_ERROR_ARGUMENT, "input path",
+     [](const TempDir& d, std::string& m) { return file_call("", d.file("out.adpcm"), 1.0f, m); }},
+    {"NotANumberGain", KAVO_ERROR_ARGUMENT, "gain",
+     [](const TempDir& d, std::string& m) {
+         write_file(d.file("in.mp3"), fixture("tone_m1_44k_mono.mp3"));
+         return file_call(d.file("in.mp3"), d.file("out.adpcm"), std::nanf(""), m);
+     }},
+    {"InfiniteGain", KAVO_ERROR_ARGUMENT, "gain",
+     [](const TempDir&, std::string& m) {
+         Collected out;
+         char text[256];
+         const int s = kavo_convert_memory("", 0, std::numeric_limits<float>::infinity(), collect,
+                                           nullptr, &out, text, sizeof text);
+         m = text;
+         return s;
+     }},
+    {"NullWriteFunction", KAVO_ERROR_ARGUMENT, "write function",
+     [](const TempDir&, std::string& m) {
+         char text[256];
+         const int s = kavo_convert_memory("x", 1, 1.0f, nullptr, nullptr, nullptr, text, sizeof text);
+         m = text;
+         return s;
+     }},
+    {"MissingInput", KAVO_ERROR_READ, "missing.mp3",
+     [](const TempDir& d, std::string& m) { return file_call(d.file("missing.mp3"), d.file("out.adpcm"), 1.0f, m); }},
+    {"InputIsADirectory", KAVO_ERROR_READ, "read",
+     [](const TempDir& d, std::string& m) { return file_call(d.path(), d.file("out.adpcm"), 1.0f, m); }},
+    {"OutputFolderMissing", KAVO_ERROR_WRITE, "cannot create",
+     [](const TempDir& d, std::string& m) {
+         write_file(d.file("in.mp3"), fixture("tone_m1_44k_mono.mp3"));
+         return file_call(d.file("in.mp3"), d.file("no/out.adpcm"), 1.0f, m);
+     }},
+    {"OutputIsAFolder", KAVO_ERROR_WRITE, "rename",
+     [](const TempDir& d, std::string& m) {
+         write_file(d.file("in.mp3"), fixture("tone_m1_44k_mono.mp3"));
+         fs::create_directory(d.file("out.adpcm"));
+         write_file(d.file("out.adpcm/kept"), "kept");
+         return file_call(d.file("in.mp3"), d.file("out.adpcm"), 1.0f, m);
+     }},
+    {"EmptyInput", KAVO_ERROR_FORMAT, "no MPEG audio Layer III frame",
+     [](const TempDir&, std::string& m) { return memory_call(fixture("empty.mp3"), m); }},
+    {"LayerOne", KAVO_ERROR_FORMAT, "Layer I frame at byte 0",
+     [](const TempDir&, std::string& m) { return memory_call(fixture("layer1_m1_48k_mono.mp1"), m); }},
+    {"LayerTwoAfterLayerThree", KAVO_ERROR_FORMAT, "Layer II frame at byte 1672",
+     [](const TempDir& d, std::string& m) {
+         write_file(d.file("in.mp3"), fixture("corner_layer2_after_layer3.mp3"));
+         return file_call(d.file("in.mp3"), d.file("out.adpcm"), 1.0f, m);
+     }},
+    {"WriteAsksToStop", KAVO_ERROR_STOPPED, "stop",
+     [](const TempDir&, std::string& m) { return memory_call(fixture("speech_mono_22k.mp3"), m, 0); }},
+    {"WriteAsksToStopAtTheLastWrite", KAVO_ERROR_STOPPED, "stop",
+     [](const TempDir&, std::string& m) { return memory_call(fixture("speech_mono_22k.mp3"), m, 1); }},
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    {"AddressSpaceExhausted", KAVO_ERROR_MEMORY, "memory",
+     [](const TempDir&, std::string& m) { return in_child_with_little_memory(fixture("tone_m1_44k_mono.mp3"), m); }},
+#endif
+};
+
+class Errors : public testing::TestWithParam<ErrorCase> {};
+
+TEST_P(Errors, StatusAndMessageFromARealCauseAndNothingLeftBehind) {
+    const ErrorCase& c = GetParam();
+    TempDir dir;
+    write_file(dir.file("out.adpcm.keep"), "existing");
+    std::string message;
+    const int status = c.run(dir, message);
+    EXPECT_EQ(status, c.status) << message;
+    {  // the same with everything on the caller's thread
+        TempDir alone;
+        setenv("KAVO_ENGINE_THREADS", "1", 1);
+        std::string alone_message;
+        EXPECT_EQ(c.run(alone, alone_message), status);
+        unsetenv("KAVO_ENGINE_THREADS");
+        EXPECT_NE(alone_message.find(c.message_part), std::string::npos) << alone_message;
+    }
+    EXPECT_NE(message.find(c.message_part), std::string::npos) << message;
+    EXPECT_EQ(message.find('\n'), std::string::npos);
+    EXPECT_STRNE(kavo_status_text(status), kavo_status_text(KAVO_OK));
+    // No partial output anywhere in the folder.
+    for (const std::string& name : dir.entries()) EXPECT_EQ(name.find(".partial"), std::string::npos) << name;
+    if (fs::is_directory(dir.file("out.adpcm"))) {
+        EXPECT_EQ(read_file(dir.file("out.adpcm/kept")), "kept");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Causes, Errors, testing::ValuesIn(kErrorCases),
+                         [](const testing::TestParamInfo<ErrorCase>& c) { return std::string(c.param.name); });
+
+TEST(FileOutput, AnExistingOutputSurvivesAFailureAndIsReplacedOnSuccess) {
+    TempDir dir;
+    write_file(dir.file("out.adpcm"), "existing");
+    write_file(dir.file("bad.mp3"), fixture("layer2_m1_44k_stereo.mp2"));
+    write_file(dir.file("in.mp3"), fixture("tone_m1_44k_mono.mp3"));
+    std::string message;
+    EXPECT_EQ(file_call(dir.file("bad.mp3"), dir.file("out.adpcm"), 1.0f, message), KAVO_ERROR_FORMAT);
+    EXPECT_EQ(read_file(dir.file("out.adpcm")), "existing");
+    EXPECT_EQ(file_call(dir.file("in.mp3"), dir.file("out.adpcm"), -1.0f, message), KAVO_OK) << message;
+    EXPECT_EQ(read_file(dir.file("out.adpcm")).size(), 6240u);
+    EXPECT_EQ(dir.entries(), (std::vector<std::string>{"bad.mp3", "in.mp3", "out.adpcm"}));
+}
+
+}  // namespace
