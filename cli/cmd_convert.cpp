@@ -1,90 +1,473 @@
-// kavo convert: the whole conversion through the library's exported function, run in a
-// private working directory so that the user's directory only ever receives the output.
-#include <unistd.h>
-
-#include <cstdint>
+// kavo convert: MP3 or WAV prompts to ADPCM with the engine, in the command's own process.
+// One IN OUT pair, or any number of inputs into a directory on several threads; "-" reads
+// standard input or writes standard output. Each output is written beside its final
+// name and moved into place only when complete; Ctrl-C or SIGTERM stops every conversion at
+// its next block, removes the partial files and ends the command.
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
+#include <map>
 #include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
 
 #include "commands.h"
+#include "console.h"
+#include "engine/conversion.h"
+#include "engine/memory_source.h"
+#include "engine/stream_scan.h"
+#include "files.h"
+#include "interrupt.h"
 #include "kavo/kavo.h"
-#include "workdir.h"
+#include "wav_input.h"
+
+#include <sys/stat.h>
+
 
 namespace kavocli {
 
 namespace {
 
-// Name of the output inside the private directory, moved to the user's path on success.
-constexpr const char* kPrivateOutput = "output.adpcm";
+namespace fs = std::filesystem;
 
-int g_last_percent = -1;
+struct Job {
+    std::string input;
+    std::string output;
+};
 
-// Draws a one-line bar on standard error; called by the library with (user, 0, 100, p, 1).
-int32_t draw_progress(int32_t /*user*/, int32_t low, int32_t high, int32_t percent, int32_t) {
-    if (percent == g_last_percent) return 0;
-    g_last_percent = percent;
-    const int span = high > low ? high - low : 100;
-    int filled = (percent - low) * 40 / span;
-    if (filled < 0) filled = 0;
-    if (filled > 40) filled = 40;
-    std::string bar(static_cast<size_t>(filled), '#');
-    bar.append(static_cast<size_t>(40 - filled), '-');
-    std::fprintf(stderr, "\r[%s] %3d%%", bar.c_str(), percent);
-    std::fflush(stderr);
+enum class Result { not_started, converted, failed, interrupted };
+
+struct Outcome {
+    Result result = Result::not_started;
+    std::string why;
+};
+
+Outcome failure(std::string why) {
+    return {Result::failed, std::move(why)};
+}
+
+std::string shown(const std::string& path, bool output) {
+    if (path != "-") return path;
+    return output ? "standard output" : "standard input";
+}
+
+std::string quoted(const std::string& path) {
+    return path == "-" ? shown(path, true) : "'" + path + "'";
+}
+
+std::string lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+std::string format(const char* pattern, double a, double b = 0.0) {
+    char text[64];
+    std::snprintf(text, sizeof text, pattern, a, b);
+    return text;
+}
+
+// The input of one conversion. Standard input and WAV files are read whole (the engine reads
+// an MP3 twice, and the WAV route works on samples in memory); an MP3 file is read from the
+// file as the engine goes, so memory does not grow with its length.
+class Input {
+  public:
+    Input() = default;
+    Input(const Input&) = delete;
+    Input& operator=(const Input&) = delete;
+    ~Input() {
+        if (file_ != nullptr) std::fclose(file_);
+    }
+
+    // False with why, or with an empty why when an interrupt came while reading.
+    bool open(const std::string& path, std::string& why) {
+        if (path != "-") {
+            std::error_code error;
+            if (fs::is_directory(path, error)) {
+                why = std::strerror(EISDIR);
+                return false;
+            }
+            file_ = std::fopen(path.c_str(), "rb");
+            if (file_ == nullptr) {
+                why = std::strerror(errno);
+                return false;
+            }
+            path_ = path;
+            // A named pipe or device is read whole, like standard input: it cannot be read twice.
+            struct stat info = {};
+            if (fstat(fileno(file_), &info) == 0 && !S_ISREG(info.st_mode)) {
+                const bool ok = read_descriptor(fileno(file_), bytes_, why) &&
+                                still_whole(fileno(file_), path, bytes_.size(), why);
+                std::fclose(file_);
+                file_ = nullptr;
+                if (!ok) return false;
+                return in_memory_from_bytes();
+            }
+            head_size_ = std::fread(head_, 1, sizeof head_, file_);
+            const bool wav = head_size_ == sizeof head_ && std::memcmp(head_, "RIFF", 4) == 0 &&
+                             std::memcmp(head_ + 8, "WAVE", 4) == 0;
+            if (!wav) {
+                size_ = fs::file_size(path, error);
+                if (std::ferror(file_) == 0 && std::fseek(file_, 0, SEEK_SET) == 0) return true;
+                why = std::strerror(errno);
+                return false;
+            }
+            std::fclose(file_);
+            file_ = nullptr;
+        }
+        if (!read_whole(path, bytes_, why)) return false;
+        return in_memory_from_bytes();
+    }
+
+    // False, with why, when a file read as the engine went was removed, replaced or changed
+    // in size meanwhile: what was converted may then be a mixture.
+    bool unchanged(std::string& why) const {
+        return file_ == nullptr || still_whole(fileno(file_), path_, size_, why);
+    }
+
+    bool starts_with(const char* magic, size_t offset = 0) const {
+        const size_t n = std::strlen(magic);
+        return head_size_ >= offset + n && std::memcmp(head_ + offset, magic, n) == 0;
+    }
+    bool in_memory() const { return file_ == nullptr; }
+    // The whole input, when it was read whole.
+    const std::vector<uint8_t>& bytes() const { return bytes_; }
+    uintmax_t size() const { return size_; }
+
+    kavolib::EngineInput engine_input() {
+        if (file_ == nullptr) return {memory_.source(), rewind_memory, memory_failed};
+        return {kavolib::ByteSource{read_file, file_}, rewind_file, file_failed};
+    }
+
+    // The frame headers from the start; the input is then back at its start.
+    kavolib::StreamScan scan() {
+        kavolib::EngineInput input = engine_input();
+        const kavolib::StreamScan result = kavolib::scan_stream(input.source);
+        input.rewind(input.source.context);
+        return result;
+    }
+
+  private:
+    bool in_memory_from_bytes() {
+        head_size_ = std::min(bytes_.size(), sizeof head_);
+        if (head_size_ > 0) std::memcpy(head_, bytes_.data(), head_size_);  // empty: no data()
+        size_ = bytes_.size();
+        memory_ = kavolib::MemoryInput{bytes_.data(), bytes_.size(), 0};
+        return true;
+    }
+
+    static size_t read_file(void* context, uint8_t* dst, size_t n) {
+        return std::fread(dst, 1, n, static_cast<std::FILE*>(context));
+    }
+    static bool rewind_file(void* context) {
+        auto* file = static_cast<std::FILE*>(context);
+        return std::ferror(file) == 0 && std::fseek(file, 0, SEEK_SET) == 0;
+    }
+    static bool file_failed(void* context) {
+        return std::ferror(static_cast<std::FILE*>(context)) != 0;
+    }
+    static bool rewind_memory(void* context) {
+        static_cast<kavolib::MemoryInput*>(context)->position = 0;
+        return true;
+    }
+    static bool memory_failed(void*) { return false; }
+
+    std::FILE* file_ = nullptr;
+    std::string path_;
+    std::vector<uint8_t> bytes_;
+    kavolib::MemoryInput memory_{nullptr, 0, 0};
+    uint8_t head_[12] = {};
+    size_t head_size_ = 0;
+    uintmax_t size_ = 0;
+};
+
+// Containers that are certainly not MP3 streams, whatever sync patterns their data holds.
+bool other_container(const Input& input) {
+    static const struct {
+        size_t offset;
+        const char* magic;
+    } kMagic[] = {{0, "fLaC"}, {0, "OggS"},  {0, "FORM"}, {0, "RIFF"}, {0, "\x1a\x45\xdf\xa3"},
+                  {4, "ftyp"}, {0, "#!AMR"}, {0, ".snd"}, {0, "MThd"}};
+    for (const auto& m : kMagic) {
+        if (input.starts_with(m.magic, m.offset)) return true;
+    }
+    return false;
+}
+
+const char* channel_words(int channels) {
+    return channels == 1 ? "mono" : "stereo";
+}
+
+// "MPEG-1 Layer III, 44100 Hz, joint stereo, 128 kbit/s, 1378 frames, 36.00 s".
+std::string describe_mp3(const kavolib::StreamScan& s, size_t input_size) {
+    if (s.frame_count == 0) return "no MPEG audio frames";
+    static const char* const kModes[] = {"stereo", "joint stereo", "dual channel", "mono"};
+    static const char* const kLayers[] = {"", "I", "II", "III"};
+    std::string text = s.version == 3 ? "MPEG-1" : s.version == 2 ? "MPEG-2" : "MPEG-2.5";
+    text += std::string(" Layer ") + kLayers[s.layer & 3] + ", " + std::to_string(s.sample_rate) +
+            " Hz, " + kModes[s.mode & 3] + ", ";
+    const double average = s.duration_seconds > 0
+                               ? static_cast<double>(input_size) * 8.0 / s.duration_seconds / 1000.0
+                               : 0;
+    if (s.free_format) {
+        text += format("free format (about %.0f kbit/s)", average);
+    } else if (std::fabs(average - s.bitrate_kbps) > 0.1 * s.bitrate_kbps) {
+        text += format("%.0f kbit/s at the start, about %.0f on average", s.bitrate_kbps, average);
+    } else {
+        text += std::to_string(s.bitrate_kbps) + " kbit/s";
+    }
+    text +=
+        ", " + std::to_string(s.frame_count) + " frames, " + format("%.2f s", s.duration_seconds);
+    if (s.last_rate != s.sample_rate || s.last_channels != s.channels) {
+        text +=
+            "; decoded as " + std::to_string(s.last_rate) + " Hz " + channel_words(s.last_channels);
+    }
+    if (s.has_layer12)
+        text += "; a Layer " + std::string(kLayers[s.layer12_layer & 3]) + " frame follows";
+    return text;
+}
+
+std::string describe_wav(const WavFormat& w) {
+    return "16-bit PCM WAV, " + std::to_string(w.rate) + " Hz, " + channel_words(w.channels) +
+           ", " + std::to_string(w.frames()) + " frames, " + format("%.2f s", w.seconds());
+}
+
+// An input the engine found no Layer III frame in: an MP3 without audio, or no MP3 at all.
+std::string no_frames_text(const std::string& name, const Input& input,
+                           const kavolib::StreamScan& scan) {
+    const bool named_mp3 = lower(fs::path(name).extension().string()) == ".mp3";
+    const bool tagged = input.starts_with("ID3");
+    if (scan.frame_count > 0 || named_mp3 || tagged) return "no MPEG audio Layer III frames found";
+    return "not an MP3 or 16-bit PCM WAV file";
+}
+
+// What the engine's callbacks reach: the output, the console, and why writing failed.
+struct JobContext {
+    Console& console;
+    size_t index;
+    OutputFile* file;  // null: standard output
+    std::string write_error;
+    unsigned long long bytes = 0;
+};
+
+int write_output(void* user, const void* bytes, size_t size) {
+    auto& c = *static_cast<JobContext*>(user);
+    if (interrupted()) return 1;
+    if (c.file != nullptr) {
+        if (!c.file->write(bytes, size, c.write_error)) return 1;
+    } else if (std::fwrite(bytes, 1, size, stdout) != size) {
+        c.write_error = std::strerror(errno);
+        return 1;
+    }
+    c.bytes += size;
     return 0;
 }
 
-const char* refusal_text(int status) {
-    switch (status) {
-        case 3:
-            return "the input path is empty";
-        case 4:
-            return "the output path is empty";
-        case 5:
-            return "a gain of -1.0 is not accepted";
-        case 6:
-            return "a path names one of the library's temporary files";
-        default:
-            return "the library refused the call";
+void show_progress(void* user, int percent) {
+    auto& c = *static_cast<JobContext*>(user);
+    c.console.progress(c.index, percent);
+}
+
+Outcome convert_job(const Job& job, const ConvertOptions& options, Console& console, size_t index) {
+    const bool to_stdout = job.output == "-";
+    const std::string out = quoted(job.output);
+    const std::string not_replaced = out + " exists; not replaced (--no-clobber)";
+    if (!to_stdout) {
+        if (job.input != "-" && same_file(job.input, job.output)) {
+            return failure("the output " + out + " would replace the input");
+        }
+        if (options.no_clobber && file_exists(job.output)) return failure(not_replaced);
     }
+    Input input;
+    std::string why;
+    if (!input.open(job.input, why)) {
+        return interrupted() ? Outcome{Result::interrupted, {}} : failure(why);
+    }
+    const std::vector<uint8_t>& bytes = input.bytes();
+    WavFormat wav;
+    const WavCheck wav_check = check_wav(bytes.data(), bytes.size(), wav, why);
+    if (wav_check == WavCheck::refused) {
+        return failure(why + "; only 16-bit PCM WAV (mono or stereo, 8 to 48 kHz) is converted");
+    }
+    const bool is_wav = wav_check == WavCheck::convertible;
+    if (!is_wav && other_container(input)) return failure("not an MP3 or 16-bit PCM WAV file");
+    if (options.verbose) {
+        console.info(shown(job.input, false) + ": " +
+                     (is_wav ? describe_wav(wav) : describe_mp3(input.scan(), input.size())));
+    }
+
+    OutputFile file;
+    if (!to_stdout && !file.create(job.output, why))
+        return failure("cannot write " + out + ": " + why);
+    JobContext context{console, index, to_stdout ? nullptr : &file, {}};
+    char message[256] = "";
+    std::string wav_message;
+    int status = KAVO_OK;
+    if (is_wav) {
+        status = convert_wav(wav, options.gain, write_output, show_progress, &context, wav_message);
+    } else if (input.in_memory()) {
+        status = kavo_convert_memory(bytes.data(), bytes.size(), options.gain, write_output,
+                                     show_progress, &context, message, sizeof message);
+    } else {
+        kavolib::EngineInput engine_input = input.engine_input();
+        status = kavolib::run_engine(engine_input, options.gain, write_output, show_progress,
+                                     &context, message, sizeof message);
+    }
+    if (status == KAVO_ERROR_STOPPED && interrupted()) return {Result::interrupted, {}};
+    if (!input.unchanged(why)) return failure(why);
+    if (!context.write_error.empty())
+        return failure("cannot write " + out + ": " + context.write_error);
+    if (status != KAVO_OK) {
+        if (is_wav) return failure(wav_message);
+        const kavolib::StreamScan scan = input.scan();
+        if (status == KAVO_ERROR_FORMAT && scan.layer3_frames == 0 && !scan.has_layer12) {
+            return failure(no_frames_text(job.input, input, scan));
+        }
+        return failure(message[0] != '\0' ? message : kavo_status_text(status));
+    }
+    if (to_stdout) {
+        if (std::fflush(stdout) != 0)
+            return failure("cannot write " + out + ": " + std::strerror(errno));
+    } else {
+        bool exists = false;
+        if (!file.commit(!options.no_clobber, exists, why)) {
+            return failure(exists ? not_replaced : "cannot write " + out + ": " + why);
+        }
+    }
+    // 4000 bytes of codes per second of 8000 Hz audio.
+    console.info("wrote " + out + ": " + std::to_string(context.bytes) + " bytes, " +
+                 format("%.2f s", static_cast<double>(context.bytes) / 4000.0));
+    return {Result::converted, {}};
+}
+
+// The jobs of the command line, or a usage error. Two inputs that would give one output name
+// are refused here, before anything is written.
+bool plan(const ConvertOptions& options, std::vector<Job>& jobs, std::string& error) {
+    const auto& files = options.files;
+    if (options.out_dir.empty()) {
+        if (files.size() != 2) {
+            error = files.size() < 2
+                        ? "an output is needed: kavo convert IN OUT, or kavo convert IN... -o DIR"
+                        : "several inputs need an output directory: kavo convert IN... -o DIR";
+            return false;
+        }
+        std::error_code ignored;
+        if (files[1] != "-" && fs::is_directory(files[1], ignored)) {
+            error = "'" + files[1] + "' is a directory (to convert into it: -o " + files[1] + ")";
+            return false;
+        }
+        jobs.push_back({files[0], files[1]});
+        return true;
+    }
+    if (options.out_dir == "-") {
+        error = "-o takes a directory; for standard output: kavo convert IN -";
+        return false;
+    }
+    std::map<std::string, std::string> claimed;  // output name -> the input that claims it
+    for (const std::string& input : files) {
+        const fs::path name = fs::path(input).filename();
+        if (input == "-" || name.empty() || name == "." || name == "..") {
+            error = input == "-" ? "standard input has no name to give its output in a directory: "
+                                   "kavo convert - OUT"
+                                 : "'" + input + "' names no file";
+            return false;
+        }
+        std::string output = (fs::path(options.out_dir) / name.stem()).string() + ".adpcm";
+#ifdef _WIN32
+        const std::string key = lower(output);  // names that differ in case only are one file
+#else
+        const std::string& key = output;
+#endif
+        const auto [it, fresh] = claimed.emplace(key, input);
+        if (!fresh) {
+            error = "'" + it->second + "' and '" + input + "' would both be written to '" + output +
+                    "'; nothing was converted";
+            return false;
+        }
+        jobs.push_back({input, std::move(output)});
+    }
+    return true;
 }
 
 }  // namespace
 
-int cmd_convert(const std::string& in, const std::string& out, float gain) {
-    std::string why;
-    if (!in.empty() && !readable(in, why)) {
-        std::fprintf(stderr, "kavo convert: cannot read '%s': %s\n", in.c_str(), why.c_str());
-        return kExitFailed;
+int cmd_convert(const ConvertOptions& options) {
+    std::vector<Job> jobs;
+    std::string error;
+    if (!std::isfinite(options.gain)) error = "the gain must be a finite number";
+    if (error.empty()) plan(options, jobs, error);
+    if (error.empty() && jobs.size() == 1 && jobs[0].output == "-" && is_terminal(1)) {
+        error =
+            "ADPCM is not written to a terminal: redirect standard output or name an output file";
     }
-    const std::string input = absolute_path(in);
-    const bool show_bar = isatty(fileno(stderr)) != 0;
-    uintmax_t bytes = 0;
-    const int code = run_privately(
-        "convert", kPrivateOutput, out,
-        [&]() {
-            // Empty paths and the gain -1.0 go to the library unchanged so that it decides.
-            const ConversionResult result = kavo(input.c_str(), out.empty() ? "" : kPrivateOutput,
-                                                 gain, show_bar ? draw_progress : nullptr, 0);
-            if (show_bar && g_last_percent >= 0) std::fputc('\n', stderr);
-            return result.status == 1 ? 0 : result.status;
-        },
-        [&](const std::string& produced) {
-            std::error_code error;
-            bytes = std::filesystem::file_size(produced, error);
-            return error ? "cannot measure the result: " + error.message() : std::string();
-        });
-    if (code >= 3 && code <= 6) {
-        std::fprintf(stderr, "kavo convert: %s\n", refusal_text(code));
+    if (!error.empty()) {
+        std::fprintf(stderr, "kavo: %s\n", error.c_str());
         return kExitUsage;
     }
-    if (code > 0) report_not_written("convert", "conversion of", in, code, out);
-    if (code != 0) return kExitFailed;
-    // 4000 bytes of codes per second of 8000 Hz audio.
-    std::fprintf(stderr, "kavo convert: wrote '%s': %ju bytes, %.2f s of 8000 Hz ADPCM\n",
-                 out.c_str(), bytes, static_cast<double>(bytes) / 4000.0);
-    return kExitOk;
+    if (!options.out_dir.empty()) {
+        std::error_code made;
+        fs::create_directories(options.out_dir, made);
+        if (made || !fs::is_directory(options.out_dir, made)) {
+            std::fprintf(stderr, "kavo: cannot make the directory '%s': %s\n",
+                         options.out_dir.c_str(),
+                         made ? made.message().c_str() : "a file of that name exists");
+            return kExitFailed;
+        }
+    }
+    if (jobs[0].output == "-") make_stdout_binary();
+    install_interrupt_handlers();
+
+    Console console(options.quiet, jobs.size());
+    std::vector<Outcome> outcomes(jobs.size());
+    std::atomic<size_t> next{0};
+    auto work = [&]() {
+        for (size_t i; !interrupted() && (i = next.fetch_add(1)) < jobs.size();) {
+            outcomes[i] = convert_job(jobs[i], options, console, i);
+            console.done(i);
+            if (outcomes[i].result == Result::failed) {
+                console.error(shown(jobs[i].input, false) + ": " + outcomes[i].why);
+            }
+        }
+    };
+    unsigned threads =
+        options.jobs != 0 ? options.jobs : std::max(1u, std::thread::hardware_concurrency());
+    threads = static_cast<unsigned>(std::min<size_t>(threads, jobs.size()));
+    if (threads <= 1) {
+        work();
+    } else {
+        std::vector<std::thread> pool;
+        block_interrupts(true);  // the handler then runs on this thread alone
+        for (unsigned t = 0; t < threads; ++t) pool.emplace_back(work);
+        block_interrupts(false);
+        for (std::thread& thread : pool) thread.join();
+    }
+    console.finish();
+
+    if (interrupted()) {
+        console.error("interrupted");
+        end_interrupted();
+    }
+    size_t converted = 0;
+    for (const Outcome& outcome : outcomes) converted += outcome.result == Result::converted;
+    if (jobs.size() > 1) {
+        if (converted == jobs.size()) {
+            console.info("converted " + std::to_string(converted) + " files");
+        } else {
+            console.error("converted " + std::to_string(converted) + " of " +
+                          std::to_string(jobs.size()) + " files; " +
+                          std::to_string(jobs.size() - converted) + " failed:");
+            for (size_t i = 0; i < jobs.size(); ++i) {
+                if (outcomes[i].result == Result::failed)
+                    console.error("  " + jobs[i].input + ": " + outcomes[i].why);
+            }
+        }
+    }
+    return converted == jobs.size() ? kExitOk : kExitFailed;
 }
 
 }  // namespace kavocli

@@ -12,30 +12,31 @@
 
 namespace kavocli {
 
-int cmd_decode(const std::string& in, const std::string& out) {
+int cmd_decode(const std::string& in, const std::string& out, bool quiet) {
     const std::string name = std::filesystem::path(out).filename().string();
     if (kavolib::choose_output_form(name.c_str()) == kavolib::OutputForm::none) {
         std::fprintf(stderr,
-                     "kavo decode: '%s' selects no output form: the name must contain .wav, "
-                     ".pcm, .TM2 or .txt\n",
+                     "kavo: '%s' selects no output form: the name must contain .wav, .pcm, .TM2 "
+                     "or .txt\n",
                      out.c_str());
         return kExitUsage;
     }
     std::string why;
     if (!readable(in, why)) {
-        std::fprintf(stderr, "kavo decode: cannot read '%s': %s\n", in.c_str(), why.c_str());
+        std::fprintf(stderr, "kavo: %s: %s\n", in.c_str(), why.c_str());
         return kExitFailed;
     }
     const std::string input = absolute_path(in);
-    const int code = run_privately("decode", name, out, [&]() {
+    const int code = run_privately(name, out, quiet, [&]() {
         kavolib::decode_phase(input.c_str(), name.c_str(), nullptr, 0);
         return 0;
     });
     if (code > 0) {
         std::fputc('\n', stderr);  // the library's own message ends without a line end
-        report_not_written("decode", "decoding", in, code, out);
+        report_not_written("decoding", in, code, out);
     }
     if (code != 0) return kExitFailed;
+    report_written(out, quiet);
     return kExitOk;
 }
 

@@ -1,14 +1,12 @@
 // kavo encode: the ADPCM output stage on an 8000 Hz WAV or raw 16-bit file, run in a child
 // process inside a private directory (the stage keeps a fixed temporary name in its current
 // directory and ends its process on failure); only the finished output is moved to OUT.
-// kavo expand: packed codes back to an 8000 Hz WAV for listening.
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
-#include "adpcm/adpcm_expand.h"
 #include "adpcm/adpcm_output.h"
 #include "commands.h"
 #include "workdir.h"
@@ -18,7 +16,6 @@ namespace kavocli {
 namespace {
 
 constexpr const char* kPrivateOutput = "output.adpcm";
-constexpr const char* kExpandedName = "output.wav";
 
 uint32_t le32(const unsigned char* p) {
     return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
@@ -41,7 +38,7 @@ long long size_of(const std::string& path) {
 // What the stage will take from the input: the number of sample bytes it can read, or -1 with
 // a reason when a RIFF file is not the plain 8000 Hz mono 16-bit WAV the stage understands
 // (it reads the data size at byte 40 and the samples from byte 44).
-long long sample_bytes(const std::string& path, std::string& why) {
+long long sample_bytes(const std::string& path, bool quiet, std::string& why) {
     const long long size = size_of(path);
     unsigned char h[44] = {};
     FILE* f = std::fopen(path.c_str(), "rb");
@@ -69,37 +66,37 @@ long long sample_bytes(const std::string& path, std::string& why) {
     }
     const long long declared = le32(h + 40);
     const long long present = size - 44;
-    if (declared != present) {
+    if (declared != present && !quiet) {
         std::fprintf(stderr,
-                     "kavo encode: note: the header declares %lld data bytes and %lld follow it;"
+                     "kavo: %s: note: the header declares %lld data bytes and %lld follow it;"
                      " %lld are encoded\n",
-                     declared, present, declared < present ? declared : present);
+                     path.c_str(), declared, present, declared < present ? declared : present);
     }
     return declared < present ? declared : present;
 }
 
 }  // namespace
 
-int cmd_encode(const std::string& in, const std::string& out, float gain) {
+int cmd_encode(const std::string& in, const std::string& out, float gain, bool quiet) {
     if (!std::isfinite(gain)) {
-        std::fprintf(stderr, "kavo encode: the gain must be a finite number\n");
+        std::fprintf(stderr, "kavo: the gain must be a finite number\n");
         return kExitUsage;
     }
     std::string why;
     if (!readable(in, why)) {
-        std::fprintf(stderr, "kavo encode: cannot read '%s': %s\n", in.c_str(), why.c_str());
+        std::fprintf(stderr, "kavo: %s: %s\n", in.c_str(), why.c_str());
         return kExitFailed;
     }
-    const long long bytes = sample_bytes(in, why);
+    const long long bytes = sample_bytes(in, quiet, why);
     if (bytes < 0) {
-        std::fprintf(stderr, "kavo encode: cannot encode '%s': %s\n", in.c_str(), why.c_str());
+        std::fprintf(stderr, "kavo: %s: %s\n", in.c_str(), why.c_str());
         return kExitFailed;
     }
     const std::string input = absolute_path(in);
     // 80 bytes for every whole frame of 320 sample bytes; anything else means a failed write.
     const long long expected = bytes / 320 * 80;
     const int code = run_privately(
-        "encode", kPrivateOutput, out,
+        kPrivateOutput, out, quiet,
         [&]() {
             kavolib::adpcm_encode_file(input.c_str(), kPrivateOutput, gain, nullptr, 0);
             return 0;
@@ -109,28 +106,9 @@ int cmd_encode(const std::string& in, const std::string& out, float gain) {
                        ? std::string()
                        : std::string("writing the output failed (disk full?)");
         });
-    if (code > 0) report_not_written("encode", "encoding", in, code, out);
+    if (code > 0) report_not_written("encoding", in, code, out);
     if (code != 0) return kExitFailed;
-    return kExitOk;
-}
-
-int cmd_expand(const std::string& in, const std::string& out) {
-    std::string why;
-    if (!readable(in, why)) {
-        std::fprintf(stderr, "kavo expand: cannot read '%s': %s\n", in.c_str(), why.c_str());
-        return kExitFailed;
-    }
-    const std::string input = absolute_path(in);
-    // Expansion reports its failures as text instead of ending the process; the child hands
-    // them on through its standard error and exit code.
-    const int code = run_privately("expand", kExpandedName, out, [&]() {
-        const std::string failure = kavolib::adpcm_expand_file(input.c_str(), kExpandedName);
-        if (failure.empty()) return 0;
-        std::fprintf(stderr, "kavo expand: cannot expand '%s': %s; '%s' was not written\n",
-                     in.c_str(), failure.c_str(), out.c_str());
-        return 1;
-    });
-    if (code != 0) return kExitFailed;
+    report_written(out, quiet);
     return kExitOk;
 }
 

@@ -1,47 +1,93 @@
-// The kavo command: the whole MP3 to ADPCM conversion, and each stage on its own.
+// The kavo command: MP3 or WAV prompts to ADPCM, one file, a folder's worth or a pipe, and
+// each stage of the conversion on its own.
 #include <CLI/CLI.hpp>
-
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "commands.h"
+#include "manual_help.h"
 
 int main(int argc, char** argv) {
     using namespace kavocli;
-    CLI::App app{"kavo: MP3 (MPEG-1/2/2.5 Layer III) to 8000 Hz 32 kbit/s 4-bit ADPCM", "kavo"};
+    CLI::App app{
+        "kavo: MP3 (MPEG-1/2/2.5 Layer III) or 16-bit WAV to 8000 Hz 32 kbit/s 4-bit ADPCM",
+        "kavo"};
     app.set_version_flag("--version", "kavo 1.2");
     app.require_subcommand(1);
     app.fallthrough(false);
+    // --help-all is also the source of the manual page (help2man, see cli/CMakeLists.txt).
+    app.set_help_all_flag("--help-all",
+                          "Print every subcommand with its options, and the exit statuses");
+    app.formatter(std::make_shared<ManualHelpFormatter>(std::vector<std::pair<int, std::string>>{
+        {kExitOk, "success"},
+        {kExitFailed, "the conversion failed: the message says why; nothing is written to OUT"},
+        {kExitUsage, "a usage error or a refused argument; nothing is written"},
+        {130, "interrupted by Ctrl-C (SIGINT): partial outputs removed, existing ones kept"},
+        {143, "stopped by SIGTERM: partial outputs removed, existing ones kept"}}));
+    app.footer("Exit status: 0 success, 1 a conversion failed, 2 a usage error, 130 or 143\n"
+               "interrupted (--help-all says more). Run kavo SUBCOMMAND --help for more.");
 
+    ConvertOptions convert_options;
     std::string in;
     std::string out;
-    float gain = 1.0f;
+    [[maybe_unused]] float gain = 1.0f;
+    bool quiet = false;
 
-    auto* convert = app.add_subcommand("convert", "MP3 file to packed 4-bit ADPCM (the whole conversion)");
-    convert->add_option("IN", in, "MP3 input file")->required();
-    convert->add_option("OUT", out, "ADPCM output file")->required();
-    convert->add_option("--gain", gain, "gain applied to the 8000 Hz samples (default 1.0)");
+    auto* convert =
+        app.add_subcommand("convert", "MP3 or 16-bit PCM WAV files to packed 4-bit ADPCM");
+    convert
+        ->add_option("FILES", convert_options.files,
+                     "IN OUT, or the inputs with -o DIR; '-' is standard input or output")
+        ->required();
+    convert
+        ->add_option("-o,--output-dir", convert_options.out_dir,
+                     "write each input to DIR/<its name>.adpcm (DIR is made if missing)")
+        ->type_name("DIR");
+    convert
+        ->add_option("-j,--jobs", convert_options.jobs,
+                     "conversions at once (default: one per core)")
+        ->check(CLI::Range(1, 1024))
+        ->type_name("N");
+    convert->add_option("--gain", convert_options.gain,
+                        "gain applied to the 8000 Hz samples (default 1.0)");
+    auto* convert_quiet =
+        convert->add_flag("-q,--quiet", convert_options.quiet, "print errors only");
+    convert->add_flag("-v,--verbose", convert_options.verbose, "also describe each input stream")
+        ->excludes(convert_quiet);
+    convert->add_flag("-n,--no-clobber", convert_options.no_clobber,
+                      "never replace an existing output");
+    convert->footer(
+        "Examples:\n"
+        "  kavo convert prompt.mp3 prompt.adpcm\n"
+        "  kavo convert -j 4 prompts/*.mp3 prompts/*.wav -o adpcm\n"
+        "  producer | kavo convert -q - - | consumer\n\n"
+        "Each file gets one line on standard error ('wrote ...', or 'kavo: FILE: cause'); a\n"
+        "batch goes on past a failing input and ends with a summary. A progress bar is drawn\n"
+        "only on a terminal. Exit status: 0 all converted, 1 a file failed, 2 a usage error\n"
+        "(nothing written), 130 or 143 interrupted (partial outputs removed).");
 
-    auto* decode = app.add_subcommand("decode", "MP3 file to 16-bit PCM (.wav, .pcm or .txt by OUT's name)");
-    decode->add_option("IN", in, "MP3 input file")->required();
-    decode->add_option("OUT", out, "decoded output file")->required();
-
-    auto* mix = app.add_subcommand("mix", "16-bit WAV to mono WAV (average of the two channels)");
-    mix->add_option("IN", in, "16-bit WAV input")->required();
-    mix->add_option("OUT", out, "mono WAV output")->required();
-
-    auto* resample = app.add_subcommand("resample", "16-bit WAV to 8000 Hz WAV (windowed-sinc filter)");
-    resample->add_option("IN", in, "16-bit WAV input")->required();
-    resample->add_option("OUT", out, "8000 Hz WAV output")->required();
-
-    auto* encode = app.add_subcommand("encode", "8000 Hz 16-bit WAV or raw PCM to packed 4-bit ADPCM");
-    encode->add_option("IN", in, "8000 Hz 16-bit input (WAV or raw)")->required();
-    encode->add_option("OUT", out, "ADPCM output file")->required();
+    auto add_stage = [&](const char* name, const char* what, const char* in_text,
+                         const char* out_text) {
+        auto* stage = app.add_subcommand(name, what);
+        stage->add_option("IN", in, in_text)->required();
+        stage->add_option("OUT", out, out_text)->required();
+        stage->add_flag("-q,--quiet", quiet, "print errors only");
+        return stage;
+    };
+#ifdef KAVO_STAGE_COMMANDS
+    auto* decode = add_stage("decode", "MP3 file to 16-bit PCM (.wav, .pcm or .txt by OUT's name)",
+                             "MP3 input file", "decoded output file");
+    auto* mix = add_stage("mix", "16-bit WAV to mono WAV (average of the two channels)",
+                          "16-bit WAV input", "mono WAV output");
+    auto* resample = add_stage("resample", "16-bit WAV to 8000 Hz WAV (windowed-sinc filter)",
+                               "16-bit WAV input", "8000 Hz WAV output");
+    auto* encode = add_stage("encode", "8000 Hz 16-bit WAV or raw PCM to packed 4-bit ADPCM",
+                             "8000 Hz 16-bit input (WAV or raw)", "ADPCM output file");
     encode->add_option("--gain", gain, "gain applied to every sample (default 1.0)");
-
-    auto* expand = app.add_subcommand("expand", "packed 4-bit ADPCM back to an 8000 Hz WAV for listening");
-    expand->add_option("IN", in, "ADPCM input file")->required();
-    expand->add_option("OUT", out, "8000 Hz 16-bit WAV output")->required();
+#endif
+    auto* expand = add_stage("expand", "packed 4-bit ADPCM back to an 8000 Hz WAV for listening",
+                             "ADPCM input file", "8000 Hz 16-bit WAV output");
 
     try {
         app.parse(argc, argv);
@@ -50,11 +96,13 @@ int main(int argc, char** argv) {
         return code == 0 ? kExitOk : kExitUsage;
     }
 
-    if (*convert) return cmd_convert(in, out, gain);
-    if (*decode) return cmd_decode(in, out);
-    if (*mix) return cmd_mix(in, out);
-    if (*resample) return cmd_resample(in, out);
-    if (*encode) return cmd_encode(in, out, gain);
-    if (*expand) return cmd_expand(in, out);
+    if (*convert) return cmd_convert(convert_options);
+    if (*expand) return cmd_expand(in, out, quiet);
+#ifdef KAVO_STAGE_COMMANDS
+    if (*decode) return cmd_decode(in, out, quiet);
+    if (*mix) return cmd_mix(in, out, quiet);
+    if (*resample) return cmd_resample(in, out, quiet);
+    if (*encode) return cmd_encode(in, out, gain, quiet);
+#endif
     return kExitUsage;
 }

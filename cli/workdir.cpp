@@ -17,9 +17,14 @@ namespace fs = std::filesystem;
 
 PrivateDir::PrivateDir() {
     const char* base = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") + "/kavo-XXXXXX";
-    if (mkdtemp(pattern.data()) != nullptr) path_ = pattern;
+    const bool from_env = base != nullptr && base[0] != '\0';
+    const std::string root = from_env ? base : "/tmp";
+    std::string pattern = root + "/kavo-XXXXXX";
+    if (mkdtemp(pattern.data()) != nullptr) {
+        path_ = pattern;
+    } else {
+        why_ = "'" + root + "'" + (from_env ? " (TMPDIR)" : "") + ": " + std::strerror(errno);
+    }
 }
 
 PrivateDir::~PrivateDir() {
@@ -82,37 +87,64 @@ bool readable(const std::string& path, std::string& why) {
     return true;
 }
 
-int run_privately(const char* command, const std::string& produced, const std::string& out,
+int run_privately(const std::string& produced, const std::string& out, bool quiet,
                   const std::function<int()>& stage,
                   const std::function<std::string(const std::string& path)>& check) {
     PrivateDir work;
     if (!work.ok()) {
-        std::fprintf(stderr, "kavo %s: cannot create a private working directory\n", command);
+        std::fprintf(stderr, "kavo: cannot create a private working directory in %s\n",
+                     work.why().c_str());
         return kPrivateRunFailed;
     }
-    const int code = run_in_child(work.path(), stage);
+    // The stage's own lines (header lines, statistics) go to a file when quiet.
+    const std::string said = work.file("messages.txt");
+    const int code = run_in_child(work.path(), [&]() {
+        if (quiet && (std::freopen(said.c_str(), "w", stderr) == nullptr ||
+                      std::freopen(said.c_str(), "a", stdout) == nullptr)) {
+            return kChildFailed;
+        }
+        return stage();
+    });
+    if (code != 0 && quiet) {
+        if (FILE* kept = std::fopen(said.c_str(), "rb")) {
+            char buffer[4096];
+            for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, kept)) > 0;) std::fwrite(buffer, 1, n, stderr);
+            std::fclose(kept);
+        }
+    }
     if (code != 0) return code;
     if (check) {
         const std::string wrong = check(work.file(produced));
         if (!wrong.empty()) {
-            std::fprintf(stderr, "kavo %s: %s; '%s' was not written\n", command, wrong.c_str(),
-                         out.c_str());
+            std::fprintf(stderr, "kavo: %s; '%s' was not written\n", wrong.c_str(), out.c_str());
             return kPrivateRunFailed;
         }
     }
     const std::string moved = move_file(work.file(produced), out);
     if (!moved.empty()) {
-        std::fprintf(stderr, "kavo %s: cannot write '%s': %s\n", command, out.c_str(),
-                     moved.c_str());
+        std::fprintf(stderr, "kavo: cannot write '%s': %s\n", out.c_str(), moved.c_str());
         return kPrivateRunFailed;
     }
     return 0;
 }
 
-void report_not_written(const char* command, const char* doing, const std::string& in, int code,
+void report_not_written(const char* doing, const std::string& in, int code,
                         const std::string& out) {
-    std::fprintf(stderr, "kavo %s: %s '%s' failed (exit code %d); '%s' was not written\n", command,
-                 doing, in.c_str(), code, out.c_str());
+    // A stage ended by a signal (a file-size limit, a memory limit) is named by its cause.
+    if (code > 128 && code != kChildFailed) {
+        std::fprintf(stderr, "kavo: %s: %s failed: %s; '%s' was not written\n", in.c_str(), doing,
+                     strsignal(code - 128), out.c_str());
+        return;
+    }
+    std::fprintf(stderr, "kavo: %s: %s failed (exit code %d); '%s' was not written\n", in.c_str(),
+                 doing, code, out.c_str());
+}
+
+void report_written(const std::string& out, bool quiet) {
+    if (quiet) return;
+    std::error_code error;
+    const auto size = fs::file_size(out, error);
+    std::fprintf(stderr, "wrote '%s': %ju bytes\n", out.c_str(), static_cast<uintmax_t>(error ? 0 : size));
 }
 
 }  // namespace kavocli

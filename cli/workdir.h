@@ -18,10 +18,13 @@ class PrivateDir {
     PrivateDir& operator=(const PrivateDir&) = delete;
     bool ok() const { return !path_.empty(); }
     const std::string& path() const { return path_; }
+    // Where the directory was to be made and why it could not be, when !ok().
+    const std::string& why() const { return why_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
 
   private:
     std::string path_;
+    std::string why_;
 };
 
 inline constexpr int kChildFailed = 125;
@@ -50,13 +53,17 @@ inline constexpr int kPrivateRunFailed = -1;
 // check (if given) finds nothing wrong with the produced file (it returns an empty text), the
 // file is moved to out. Returns 0 when out holds the result, the child's exit code when the
 // stage failed (nothing is printed: the caller knows what that code means), or
-// kPrivateRunFailed after printing "kavo <command>: ..." for a failure of its own.
-int run_privately(const char* command, const std::string& produced, const std::string& out,
+// kPrivateRunFailed after printing "kavo: ..." for a failure of its own.
+// With quiet set, what the stage prints is kept back and shown only when it fails.
+int run_privately(const std::string& produced, const std::string& out, bool quiet,
                   const std::function<int()>& stage,
                   const std::function<std::string(const std::string& path)>& check = {});
 
-// "kavo <command>: <doing> '<in>' failed (exit code <code>); '<out>' was not written".
-void report_not_written(const char* command, const char* doing, const std::string& in, int code,
+// "kavo: <in>: <doing> failed (exit code <code>); '<out>' was not written".
+void report_not_written(const char* doing, const std::string& in, int code,
                         const std::string& out);
+
+// "wrote '<out>': <size> bytes", unless quiet.
+void report_written(const std::string& out, bool quiet);
 
 }  // namespace kavocli

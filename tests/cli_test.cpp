@@ -1,89 +1,319 @@
-// The kavo command as a user meets it: help, version, refusals and failures with clear
-// messages and exit codes, and no stray files in the user's directory.
+// The kavo command's contract, through the built program in temporary directories: usage
+// errors, what one conversion says and leaves behind, batches with failing inputs, pipes,
+// interrupts and WAV prompts; every output compared with kavo()'s or the stage commands'.
 #include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "process.h"
 
+namespace {
+
+using kavotest::read_file;
 using kavotest::run_process;
 using kavotest::TempDir;
+using kavotest::write_file;
+using Names = std::vector<std::string>;
 
-TEST(Cli, HelpNamesEverySubcommand) {
-    const auto run = run_process({KAVO_CLI_PATH, "--help"});
-    EXPECT_EQ(run.exit_code, 0);
-    for (const char* name : {"convert", "decode", "mix", "resample", "encode", "expand"}) {
-        EXPECT_NE(run.out.find(name), std::string::npos) << name;
-    }
+std::string fixture(const std::string& name) {
+    return read_file(std::string(KAVO_FIXTURES_DIR) + "/" + name);
 }
 
-TEST(Cli, VersionAndUsageErrors) {
-    const auto version = run_process({KAVO_CLI_PATH, "--version"});
-    EXPECT_EQ(version.exit_code, 0);
-    EXPECT_EQ(version.out, "kavo 1.2\n");
-
-    EXPECT_EQ(run_process({KAVO_CLI_PATH}).exit_code, 2);
-    EXPECT_EQ(run_process({KAVO_CLI_PATH, "frobnicate"}).exit_code, 2);
-    EXPECT_EQ(run_process({KAVO_CLI_PATH, "convert", "only-one-arg"}).exit_code, 2);
-    EXPECT_EQ(run_process({KAVO_CLI_PATH, "convert", "a", "b", "--gain", "loud"}).exit_code, 2);
+kavotest::ProcessResult kavo(Names args, const std::string& dir) {
+    args.insert(args.begin(), KAVO_CLI_PATH);
+    return run_process(args, dir);
 }
 
-TEST(CliConvert, RefusalsBecomeOneLineMessagesAndStatusTwo) {
-    TempDir dir;
-    kavotest::write_file(dir.file("in.mp3"), "not really an mp3");
-    struct Case {
-        std::vector<std::string> args;
-        const char* message;
-    };
-    const Case cases[] = {
-        {{"", "out.adpcm"}, "the input path is empty"},
-        {{"in.mp3", ""}, "the output path is empty"},
-        {{"in.mp3", "out.adpcm", "--gain", "-1"}, "a gain of -1.0 is not accepted"},
-    };
-    for (const Case& c : cases) {
-        std::vector<std::string> argv = {KAVO_CLI_PATH, "convert"};
-        argv.insert(argv.end(), c.args.begin(), c.args.end());
-        const auto run = run_process(argv, dir.path());
-        EXPECT_EQ(run.exit_code, 2) << c.message;
-        EXPECT_EQ(run.err, std::string("kavo convert: ") + c.message + "\n");
-    }
-    EXPECT_EQ(dir.entries(), std::vector<std::string>{"in.mp3"});
+bool has(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
 }
 
-TEST(CliConvert, MissingInputIsAClearFailure) {
-    TempDir dir;
-    const auto run =
-        run_process({KAVO_CLI_PATH, "convert", "nothing.mp3", "out.adpcm"}, dir.path());
-    EXPECT_EQ(run.exit_code, 1);
-    EXPECT_NE(run.err.find("cannot read 'nothing.mp3'"), std::string::npos) << run.err;
-    EXPECT_TRUE(dir.entries().empty());
-}
-
-TEST(CliConvert, LeavesOnlyTheOutputAndMatchesTheLibrary) {
-    TempDir dir;
-    const std::string mp3 = std::string(KAVO_FIXTURES_DIR) + "/tone_m1_44k_joint.mp3";
-    kavotest::write_file(dir.file("in.mp3"), kavotest::read_file(mp3));
-    const auto run = run_process({KAVO_CLI_PATH, "convert", "in.mp3", "out.adpcm"}, dir.path());
-    ASSERT_EQ(run.exit_code, 0) << run.err;
-    EXPECT_NE(run.err.find("kavo convert: wrote 'out.adpcm'"), std::string::npos) << run.err;
-    EXPECT_EQ(dir.entries(), (std::vector<std::string>{"in.mp3", "out.adpcm"}));
-
-    // The same conversion through the C host, in the directory the library works in.
+// kavo()'s own output for an input (empty when kavo() refuses it and ends its process).
+std::string library_output(const std::string& mp3, const std::string& gain) {
     TempDir host;
-    kavotest::write_file(host.file("in.mp3"), kavotest::read_file(mp3));
-    ASSERT_EQ(run_process({KAVO_C_HOST_PATH, "in.mp3", "lib.adpcm", "1.0"}, host.path()).exit_code,
-              0);
-    EXPECT_EQ(kavotest::read_file(dir.file("out.adpcm")),
-              kavotest::read_file(host.file("lib.adpcm")));
+    write_file(host.file("in.mp3"), mp3);
+    const auto run = run_process({KAVO_C_HOST_PATH, "in.mp3", "lib.adpcm", gain}, host.path());
+    return run.exit_code == 0 ? read_file(host.file("lib.adpcm")) : std::string();
 }
 
-TEST(CliConvert, AFailedConversionLeavesAnExistingOutputAlone) {
-    TempDir dir;
-    kavotest::write_file(dir.file("in.mp2"), kavotest::read_file(std::string(KAVO_FIXTURES_DIR) +
-                                                                 "/layer2_m1_44k_stereo.mp2"));
-    kavotest::write_file(dir.file("out.adpcm"), "keep me");
-    const auto run = run_process({KAVO_CLI_PATH, "convert", "in.mp2", "out.adpcm"}, dir.path());
-    EXPECT_EQ(run.exit_code, 1);
-    EXPECT_NE(run.err.find("Layer 2 no  support"), std::string::npos) << run.err;
-    EXPECT_NE(run.err.find("'out.adpcm' was not written"), std::string::npos) << run.err;
-    EXPECT_EQ(kavotest::read_file(dir.file("out.adpcm")), "keep me");
-    EXPECT_EQ(dir.entries(), (std::vector<std::string>{"in.mp2", "out.adpcm"}));
+// A canonical 16-bit WAV of the given frames (a sine and its echo in the second channel).
+std::string make_wav(int rate, int channels, int frames) {
+    auto le = [](uint32_t v, int bytes) {
+        std::string s;
+        for (int i = 0; i < bytes; ++i) s += static_cast<char>(v >> (8 * i) & 0xFF);
+        return s;
+    };
+    std::string data;
+    for (int i = 0; i < frames * channels; ++i) {
+        data += le(static_cast<uint16_t>(static_cast<int16_t>(9000 * ((i * 7) % 13 - 6) / 6)), 2);
+    }
+    const auto align = static_cast<uint32_t>(2 * channels);
+    return "RIFF" + le(36 + static_cast<uint32_t>(data.size()), 4) + "WAVEfmt " + le(16, 4) +
+           le(1, 2) + le(static_cast<uint32_t>(channels), 2) + le(static_cast<uint32_t>(rate), 4) +
+           le(static_cast<uint32_t>(rate) * align, 4) + le(align, 2) + le(16, 2) + "data" +
+           le(static_cast<uint32_t>(data.size()), 4) + data;
 }
+
+TEST(Cli, HelpShowsTheFormsOptionsAndExitCodes) {
+    const auto top = run_process({KAVO_CLI_PATH, "--help"});
+    EXPECT_EQ(top.exit_code, 0);
+    for (const char* name : {"convert", "decode", "mix", "resample", "encode", "expand", "130"}) {
+        EXPECT_TRUE(has(top.out, name)) << name;
+    }
+    const auto convert = run_process({KAVO_CLI_PATH, "convert", "--help"});
+    for (const char* part :
+         {"--output-dir", "--jobs", "--quiet", "--verbose", "--no-clobber", "'-'"}) {
+        EXPECT_TRUE(has(convert.out, part)) << part;
+    }
+    EXPECT_EQ(run_process({KAVO_CLI_PATH, "--version"}).out, "kavo 1.2\n");
+}
+
+// Every usage error exits with 2 before anything is written or made.
+TEST(Cli, UsageErrorsExitWithTwoAndTouchNothing) {
+    TempDir dir;
+    write_file(dir.file("a.mp3"), fixture("tone_m1_44k_mono.mp3"));
+    std::filesystem::create_directory(dir.file("sub"));
+    write_file(dir.file("sub/a.mp3"), fixture("tone_m1_44k_mono.mp3"));
+    const struct {
+        Names args;
+        const char* says;  // part of standard error ("" where CLI11 words it)
+    } cases[] = {
+        {{}, ""},
+        {{"frobnicate"}, ""},
+        {{"convert", "a.mp3"}, "kavo: an output is needed"},
+        {{"convert", "a.mp3", "sub/a.mp3", "b.adpcm"},
+         "kavo: several inputs need an output directory"},
+        {{"convert", "a.mp3", "out.adpcm", "--gain", "loud"}, ""},
+        {{"convert", "a.mp3", "out.adpcm", "--gain", "nan"},
+         "kavo: the gain must be a finite number"},
+        {{"convert", "a.mp3", "-o", "out", "-j", "0"}, ""},
+        {{"convert", "-q", "-v", "a.mp3", "out.adpcm"}, ""},
+        {{"convert", "-", "-o", "out"}, "kavo: standard input has no name"},
+        {{"convert", "a.mp3", "sub/a.mp3", "-o", "out"},
+         "kavo: 'a.mp3' and 'sub/a.mp3' would both be written to 'out/a.adpcm'; nothing was "
+         "converted"},
+        {{"convert", "a.mp3", "sub"}, "kavo: 'sub' is a directory (to convert into it: -o sub)"},
+    };
+    for (const auto& c : cases) {
+        const auto run = kavo(c.args, dir.path());
+        EXPECT_EQ(run.exit_code, 2) << c.says;
+        EXPECT_TRUE(has(run.err, c.says)) << run.err;
+        EXPECT_EQ(dir.entries(), (Names{"a.mp3", "sub"}));
+    }
+}
+
+// One file: what is said, the exit status, and what the directory holds afterwards.
+TEST(CliConvert, OneFileTalksLikeACommandLineTool) {
+    const std::string speech = fixture("speech_mono_22k.mp3");
+    const std::string converted = library_output(speech, "1.0");
+    ASSERT_EQ(converted.size(), 15360u);
+    std::string deep_wav = make_wav(22050, 1, 100);
+    deep_wav[34] = 24;  // bits per sample
+    const std::string wrote = "wrote 'out.adpcm': 15360 bytes, 3.84 s\n";
+    const struct {
+        Names args;
+        int exit_code;
+        std::string err;
+        bool replaced;  // old.adpcm now holds the conversion
+    } cases[] = {
+        {{"in.mp3", "out.adpcm"}, 0, wrote, false},
+        {{"-q", "in.mp3", "out.adpcm"}, 0, "", false},
+        {{"-v", "in.mp3", "out.adpcm"},
+         0,
+         "in.mp3: MPEG-2 Layer III, 22050 Hz, mono, 32 kbit/s, 147 frames, 3.84 s\n" + wrote,
+         false},
+        {{"in.mp3", "old.adpcm"}, 0, "wrote 'old.adpcm': 15360 bytes, 3.84 s\n", true},
+        {{"-n", "in.mp3", "old.adpcm"},
+         1,
+         "kavo: in.mp3: 'old.adpcm' exists; not replaced (--no-clobber)\n",
+         false},
+        {{"-q", "in.mp2", "old.adpcm"},
+         1,
+         "kavo: in.mp2: a Layer II frame at byte 0: only MPEG audio Layer III is converted\n",
+         false},
+        {{"nothing.mp3", "old.adpcm"}, 1, "kavo: nothing.mp3: No such file or directory\n", false},
+        {{"empty.mp3", "old.adpcm"},
+         1,
+         "kavo: empty.mp3: no MPEG audio Layer III frames found\n",
+         false},
+        {{"song.flac", "old.adpcm"},
+         1,
+         "kavo: song.flac: not an MP3 or 16-bit PCM WAV file\n",
+         false},
+        {{"deep.wav", "old.adpcm"},
+         1,
+         "kavo: deep.wav: a WAV file of 24-bit samples; only 16-bit PCM WAV (mono or stereo, 8 to "
+         "48 kHz) is converted\n",
+         false},
+        {{"in.mp3", "in.mp3"},
+         1,
+         "kavo: in.mp3: the output 'in.mp3' would replace the input\n",
+         false},
+    };
+    for (const auto& c : cases) {
+        TempDir dir;
+        write_file(dir.file("in.mp3"), speech);
+        write_file(dir.file("in.mp2"), fixture("layer2_m1_44k_stereo.mp2"));
+        write_file(dir.file("empty.mp3"), fixture("empty.mp3"));
+        write_file(dir.file("song.flac"), "fLaC" + speech);
+        write_file(dir.file("deep.wav"), deep_wav);
+        write_file(dir.file("old.adpcm"), "keep me");
+        Names expected = dir.entries();
+        Names args = {"convert"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        const auto run = kavo(args, dir.path());
+        const std::string label = c.args[0] + " " + c.args[1];
+        EXPECT_EQ(run.exit_code, c.exit_code) << label;
+        EXPECT_EQ(run.err, c.err) << label;
+        EXPECT_EQ(run.out, "") << label;
+        EXPECT_EQ(read_file(dir.file("old.adpcm")), c.replaced ? converted : "keep me") << label;
+        if (run.exit_code == 0 && !c.replaced) {
+            EXPECT_EQ(read_file(dir.file("out.adpcm")), converted) << label;
+            expected.push_back("out.adpcm");
+            std::sort(expected.begin(), expected.end());
+        }
+        EXPECT_EQ(dir.entries(), expected) << label << ": nothing else may be left behind";
+    }
+}
+
+// Every fixture in one batch on two threads at gain 0.5: each output equals kavo()'s for that
+// file, the inputs kavo() refuses fail alone, and the summary names them.
+TEST(CliConvert, BatchEqualsTheLibraryFileByFileAndNamesItsFailures) {
+    TempDir dir;
+    Names args = {"convert", "-j", "2", "--gain", "0.5", "-o", "out"};
+    std::vector<std::pair<std::string, std::string>> expected;  // name, kavo()'s output
+    for (const auto& entry : std::filesystem::directory_iterator(KAVO_FIXTURES_DIR)) {
+        const std::string name = entry.path().filename().string();
+        const std::string ext = entry.path().extension().string();
+        if (ext != ".mp3" && ext != ".mp2" && ext != ".mp1") continue;
+        write_file(dir.file(name), read_file(entry.path().string()));
+        args.push_back(name);
+        expected.emplace_back(name, library_output(read_file(entry.path().string()), "0.5"));
+    }
+    const auto run = kavo(args, dir.path());
+    size_t failed = 0;
+    Names outputs;
+    for (const auto& [name, bytes] : expected) {
+        const std::string stem = std::filesystem::path(name).stem().string();
+        if (bytes.empty()) {
+            ++failed;
+            EXPECT_TRUE(has(run.err, "kavo:   " + name + ": ")) << name << " is not in the summary";
+            EXPECT_FALSE(kavotest::file_exists(dir.file("out/" + stem + ".adpcm"))) << name;
+        } else {
+            outputs.push_back(stem + ".adpcm");
+            EXPECT_EQ(read_file(dir.file("out/" + stem + ".adpcm")), bytes) << name;
+            EXPECT_TRUE(has(run.err, "wrote 'out/" + stem + ".adpcm': ")) << name;
+        }
+    }
+    ASSERT_GE(failed, 3u);  // empty.mp3 and the Layer I and II files at least
+    EXPECT_EQ(run.exit_code, 1);
+    EXPECT_TRUE(has(run.err, "kavo: converted " + std::to_string(expected.size() - failed) +
+                                 " of " + std::to_string(expected.size()) + " files; " +
+                                 std::to_string(failed) + " failed:\n"))
+        << run.err;
+    std::sort(outputs.begin(), outputs.end());
+    EXPECT_EQ(TempDir::entries_of(dir.file("out")), outputs);
+}
+
+TEST(CliConvert, StandardInputToStandardOutputThroughAPipeEqualsTheFileForm) {
+    TempDir dir;
+    write_file(dir.file("in.mp3"), fixture("speech_music_m1_44k_vbr.mp3"));
+    ASSERT_EQ(kavo({"convert", "-q", "in.mp3", "file.adpcm"}, dir.path()).exit_code, 0);
+    const auto piped = run_process(
+        {"/bin/sh", "-c", "cat in.mp3 | '" KAVO_CLI_PATH "' convert - - | cat > piped.adpcm"},
+        dir.path());
+    EXPECT_EQ(piped.exit_code, 0);
+    EXPECT_EQ(piped.err, "wrote standard output: 15440 bytes, 3.86 s\n");
+    EXPECT_EQ(read_file(dir.file("piped.adpcm")), read_file(dir.file("file.adpcm")));
+    EXPECT_EQ(dir.entries(), (Names{"file.adpcm", "in.mp3", "piped.adpcm"}));
+}
+
+// SIGINT and SIGTERM in the middle of a long conversion: the partial output goes, the older
+// output stays, and the command ends as the signal would.
+TEST(CliConvert, AnInterruptRemovesThePartialOutputAndKeepsTheOldOne) {
+    std::string long_mp3;
+    const std::string piece = fixture("tone_m1_44k_joint_notag.mp3");
+    for (int i = 0; i < 400; ++i) long_mp3 += piece;  // some ten minutes
+    for (const int sig : {SIGINT, SIGTERM}) {
+        TempDir dir;
+        write_file(dir.file("long.mp3"), long_mp3);
+        write_file(dir.file("out.adpcm"), "keep me");
+        const int pid = kavotest::start_process({KAVO_CLI_PATH, "convert", "long.mp3", "out.adpcm"},
+                                                dir.path());
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (dir.entries().size() < 3 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        ASSERT_EQ(dir.entries().size(), 3u) << "no partial output appeared";
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        kill(pid, sig);
+        EXPECT_EQ(kavotest::wait_process(pid), 128 + sig);
+        EXPECT_EQ(dir.entries(), (Names{"long.mp3", "out.adpcm"}));
+        EXPECT_EQ(read_file(dir.file("out.adpcm")), "keep me");
+    }
+}
+
+// A WAV prompt gives what kavo mix, kavo resample and kavo encode give in a row (both fail
+// together on an input too short to resample); chunks between fmt and data change nothing.
+// With -q, every subcommand that succeeds says nothing.
+TEST(CliConvert, WavPromptsEqualTheStagesInARow) {
+    TempDir dir;
+    auto quiet = [&](const std::string& command, const std::string& in, const std::string& out) {
+        const auto run = kavo({command, "-q", in, out}, dir.path());
+        if (run.exit_code == 0) {
+            EXPECT_EQ(run.err + run.out, "") << command << " " << in;
+        }
+        return run.exit_code;
+    };
+    Names wavs;
+    for (const char* mp3 : {"speech_mono_22k.mp3", "tone_m1_44k_stereo.mp3", "tone_m25_8k_mono.mp3",
+                            "tone_m1_48k_mono_cut.mp3"}) {
+        const std::string name = std::filesystem::path(mp3).stem().string() + ".wav";
+        write_file(dir.file("in.mp3"), fixture(mp3));
+        ASSERT_EQ(quiet("decode", "in.mp3", name), 0) << mp3;
+        wavs.push_back(name);
+    }
+    const struct {
+        const char* name;
+        int rate, channels, frames;
+    } made[] = {{"short_44k_stereo.wav", 44100, 2, 1000},
+                {"short_11k.wav", 11025, 1, 300},
+                {"one_frame.wav", 16000, 1, 1}};
+    for (const auto& m : made) {
+        write_file(dir.file(m.name), make_wav(m.rate, m.channels, m.frames));
+        wavs.push_back(m.name);
+    }
+    for (const std::string& wav : wavs) {
+        const int direct = quiet("convert", wav, "direct.adpcm");
+        const int staged = quiet("mix", wav, "m.wav") + quiet("resample", "m.wav", "r.wav") +
+                           quiet("encode", "r.wav", "staged.adpcm");
+        EXPECT_EQ(direct == 0, staged == 0) << wav;
+        if (staged == 0) {
+            EXPECT_EQ(read_file(dir.file("direct.adpcm")), read_file(dir.file("staged.adpcm")))
+                << wav;
+        }
+        for (const char* f : {"direct.adpcm", "m.wav", "r.wav", "staged.adpcm"})
+            std::remove(dir.file(f).c_str());
+    }
+    // A LIST chunk between fmt and data.
+    const std::string plain = read_file(dir.file("speech_mono_22k.wav"));
+    std::string listed =
+        plain.substr(0, 36) + std::string("LIST\4\0\0\0abcd", 12) + plain.substr(36);
+    listed[4] = static_cast<char>(static_cast<unsigned char>(listed[4]) + 12);
+    write_file(dir.file("listed.wav"), listed);
+    ASSERT_EQ(quiet("convert", "listed.wav", "listed.adpcm"), 0);
+    ASSERT_EQ(quiet("convert", "speech_mono_22k.wav", "plain.adpcm"), 0);
+    ASSERT_EQ(quiet("expand", "plain.adpcm", "plain.wav"), 0);
+    EXPECT_EQ(read_file(dir.file("listed.adpcm")), read_file(dir.file("plain.adpcm")));
+}
+
+}  // namespace

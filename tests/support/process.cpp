@@ -1,19 +1,18 @@
 // Subprocesses with captured output, for tests of whole-process behaviour (exit codes,
-// messages, files left behind).
+// messages, files left behind), and the files and directories the tests work in.
 #include "process.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <stdexcept>
 
 namespace kavotest {
@@ -21,18 +20,17 @@ namespace kavotest {
 namespace fs = std::filesystem;
 
 ProcessResult run_process(const std::vector<std::string>& argv, const std::string& cwd) {
-    int out_pipe[2];
-    int err_pipe[2];
-    if (pipe(out_pipe) != 0 || pipe(err_pipe) != 0) throw std::runtime_error("pipe failed");
+    // What the child prints goes to two unlinked temporary files, read back once it has ended.
+    FILE* out = std::tmpfile();
+    FILE* err = std::tmpfile();
+    if (out == nullptr || err == nullptr) throw std::runtime_error("tmpfile failed");
     const pid_t pid = fork();
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
-        dup2(out_pipe[1], 1);
-        dup2(err_pipe[1], 2);
-        close(out_pipe[0]);
-        close(err_pipe[0]);
-        close(out_pipe[1]);
-        close(err_pipe[1]);
+        dup2(fileno(out), 1);
+        dup2(fileno(err), 2);
+        close(fileno(out));
+        close(fileno(err));
         if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
         std::vector<char*> args;
         for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
@@ -40,36 +38,59 @@ ProcessResult run_process(const std::vector<std::string>& argv, const std::strin
         execv(args[0], args.data());
         _exit(127);
     }
-    close(out_pipe[1]);
-    close(err_pipe[1]);
-    ProcessResult result;
-    pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
-    std::string* sinks[2] = {&result.out, &result.err};
-    int open_fds = 2;
-    char buffer[65536];
-    while (open_fds > 0) {
-        if (poll(fds, 2, -1) < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
-            const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
-            if (n > 0) {
-                sinks[i]->append(buffer, static_cast<size_t>(n));
-            } else {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open_fds;
-            }
-        }
-    }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    ProcessResult result;
+    for (auto [file, sink] : {std::pair{out, &result.out}, std::pair{err, &result.err}}) {
+        std::rewind(file);
+        char buffer[65536];
+        for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, file)) > 0;) sink->append(buffer, n);
+        std::fclose(file);
     }
     if (WIFEXITED(status)) result.exit_code = WEXITSTATUS(status);
     if (WIFSIGNALED(status)) result.exit_code = 128 + WTERMSIG(status);
     return result;
+}
+
+int start_process(const std::vector<std::string>& argv, const std::string& cwd) {
+    const pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error("fork failed");
+    if (pid == 0) {
+        const int null = open("/dev/null", O_WRONLY);
+        dup2(null, 1);
+        dup2(null, 2);
+        if (chdir(cwd.c_str()) != 0) _exit(126);
+        std::vector<char*> args;
+        for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+int wait_process(int pid) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+ProcessResult run_kavo(const std::vector<std::string>& args, const std::string& cwd) {
+    std::vector<std::string> argv = {KAVO_CLI_PATH};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run_process(argv, cwd);
+}
+
+ProcessResult run_host(const std::vector<std::string>& args, const std::string& cwd) {
+    std::vector<std::string> argv = {KAVO_C_HOST_PATH};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run_process(argv, cwd);
+}
+
+ProcessResult run_sh(const std::string& command, const std::string& cwd) {
+    return run_process({"/bin/sh", "-c", command}, cwd);
 }
 
 TempDir::TempDir() {
@@ -83,13 +104,22 @@ TempDir::~TempDir() {
     fs::remove_all(path_, ignored);
 }
 
-std::vector<std::string> TempDir::entries() const {
+std::vector<std::string> TempDir::entries_of(const std::string& path) {
     std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(path_)) {
+    for (const auto& entry : fs::directory_iterator(path)) {
         names.push_back(entry.path().filename().string());
     }
     std::sort(names.begin(), names.end());
     return names;
+}
+
+InDir::InDir(const std::string& dir) : old_(fs::current_path().string()) {
+    fs::current_path(dir);
+}
+
+InDir::~InDir() {
+    std::error_code ignored;
+    fs::current_path(old_, ignored);
 }
 
 std::string read_file(const std::string& path) {
@@ -103,5 +133,11 @@ void write_file(const std::string& path, const std::string& bytes) {
 }
 
 bool file_exists(const std::string& path) { return fs::exists(path); }
+
+std::string fixture(const std::string& name) { return std::string(KAVO_FIXTURES_DIR) + "/" + name; }
+
+std::string conformance(const std::string& name) {
+    return std::string(KAVO_SHARED_DIR) + "/conformance/" + name;
+}
 
 }  // namespace kavotest

@@ -1,5 +1,5 @@
-// Test support: run a program in a chosen directory and capture what it prints, and
-// temporary directories that clean up after themselves.
+// Test support: run a program (the kavo command, the C host, reference tools) in a chosen
+// directory and capture what it prints; temporary directories that clean up after themselves.
 #pragma once
 
 #include <string>
@@ -15,6 +15,16 @@ struct ProcessResult {
 
 // Runs argv[0] with the given arguments in directory cwd (empty: the current one).
 ProcessResult run_process(const std::vector<std::string>& argv, const std::string& cwd = {});
+// The kavo command, the C host (INPUT OUTPUT GAIN [USER]) and `sh -c` in cwd.
+ProcessResult run_kavo(const std::vector<std::string>& args, const std::string& cwd = {});
+ProcessResult run_host(const std::vector<std::string>& args, const std::string& cwd);
+ProcessResult run_sh(const std::string& command, const std::string& cwd);
+
+// Starts argv[0] in directory cwd with its output discarded, for a test that signals it;
+// returns its process id.
+int start_process(const std::vector<std::string>& argv, const std::string& cwd);
+// Waits for a started process: its exit code, or 128 + the signal that ended it.
+int wait_process(int pid);
 
 // A fresh directory under the system's temporary directory, removed on destruction.
 class TempDir {
@@ -25,15 +35,30 @@ public:
     TempDir& operator=(const TempDir&) = delete;
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
-    // Names of the entries in the directory, sorted.
-    std::vector<std::string> entries() const;
+    // Names of the entries in the directory (or in another one), sorted.
+    std::vector<std::string> entries() const { return entries_of(path_); }
+    static std::vector<std::string> entries_of(const std::string& path);
 
 private:
     std::string path_;
 };
 
+// Makes dir the current directory for its lifetime (the stages write their files there).
+class InDir {
+public:
+    explicit InDir(const std::string& dir);
+    ~InDir();
+    InDir(const InDir&) = delete;
+    InDir& operator=(const InDir&) = delete;
+
+private:
+    std::string old_;
+};
+
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes);
 bool file_exists(const std::string& path);
+std::string fixture(const std::string& name);      // path of a committed fixture
+std::string conformance(const std::string& name);  // path below the conformance folder
 
 }  // namespace kavotest
