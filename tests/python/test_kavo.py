@@ -1,0 +1,96 @@
+"""The Python module against the kavo command: the same bytes, errors as kavo.Error, and
+conversions on two threads at once. Run by ctest with PYTHONPATH at python/, KAVO_LIBRARY at
+the built library, KAVO_CLI at the built command and KAVO_FIXTURES at tests/fixtures."""
+
+import os
+import subprocess
+import tempfile
+import threading
+import unittest
+
+import kavo
+
+FIXTURES = os.environ["KAVO_FIXTURES"]
+CASES = [("speech_mono_22k.mp3", 1.0), ("tone_m1_44k_stereo.mp3", 0.5),
+         ("tone_m25_11k_ms.mp3", 2.0), ("speech_music_m1_44k_vbr.mp3", 1.0)]
+
+
+def command_output(name, gain, tmp):
+    out = os.path.join(tmp, "command.adpcm")
+    subprocess.run([os.environ["KAVO_CLI"], "convert", os.path.join(FIXTURES, name), out,
+                    "--gain", str(gain)], check=True, capture_output=True)
+    with open(out, "rb") as f:
+        return f.read()
+
+
+class KavoModule(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.tmp = folder.name
+
+    def test_same_bytes_as_the_command(self):
+        for name, gain in CASES:
+            with self.subTest(name=name, gain=gain):
+                expected = command_output(name, gain, self.tmp)
+                with open(os.path.join(FIXTURES, name), "rb") as f:
+                    self.assertEqual(kavo.convert_bytes(f.read(), gain=gain), expected)
+                out = os.path.join(self.tmp, "module.adpcm")
+                percents = []
+                kavo.convert_file(os.path.join(FIXTURES, name), out, gain, percents.append)
+                with open(out, "rb") as f:
+                    self.assertEqual(f.read(), expected)
+                self.assertEqual(percents, sorted(percents))
+                self.assertEqual(percents[-1], 100)
+
+    def test_layer2_input_raises_and_keeps_the_existing_output(self):
+        layer2 = os.path.join(FIXTURES, "layer2_m1_44k_stereo.mp2")
+        out = os.path.join(self.tmp, "out.adpcm")
+        with open(out, "wb") as f:
+            f.write(b"kept")
+        with self.assertRaises(kavo.Error) as raised:
+            kavo.convert_file(layer2, out)
+        self.assertEqual(raised.exception.status, kavo.ERROR_FORMAT)
+        self.assertIn("Layer II", raised.exception.message)
+        with open(out, "rb") as f:
+            self.assertEqual(f.read(), b"kept")
+        self.assertEqual(os.listdir(self.tmp), ["out.adpcm"])
+        with open(layer2, "rb") as f:
+            with self.assertRaises(kavo.Error) as raised:
+                kavo.convert_bytes(f.read())
+        self.assertEqual(raised.exception.status, kavo.ERROR_FORMAT)
+
+    def test_two_threads_at_once(self):
+        # Each conversion waits in its first progress call until the other one has reached
+        # its own: both must be inside the library together, or the barrier times out.
+        inputs = []
+        for name in ["tone_m1_44k_stereo.mp3", "speech_music_m1_44k_vbr.mp3"]:
+            with open(os.path.join(FIXTURES, name), "rb") as f:
+                inputs.append(f.read())
+        expected = [kavo.convert_bytes(data) for data in inputs]
+        barrier = threading.Barrier(2, timeout=30)
+        results = [None, None]
+
+        def run(i):
+            waited = False
+
+            def progress(_percent):
+                nonlocal waited
+                if not waited:
+                    waited = True
+                    barrier.wait()
+            try:
+                results[i] = kavo.convert_bytes(inputs[i], progress=progress)
+            except BaseException as e:
+                results[i] = e
+
+        threads = [threading.Thread(target=run, args=(i,)) for i in range(2)]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join()
+        self.assertEqual(results, expected)
+
+
+if __name__ == "__main__":
+    unittest.main()
