@@ -1,5 +1,5 @@
-// The fuzz target as a plain, repeatable program: every file named on the command line (or
-// found in the directories named) is decoded whole, then a fixed number of deterministic
+// A fuzz target as a plain, repeatable program: every file named on the command line (or
+// found in the directories named) is run whole, then a fixed number of deterministic
 // mutations of their beginnings: bit flips, truncations, byte insertions and deletions, and
 // splices of two files. Any memory error, overflow or hang shows up under the sanitizers.
 #include <algorithm>
@@ -29,14 +29,16 @@ void run(const std::vector<uint8_t>& bytes) {
     LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
 }
 
+// Bitstreams, WAV files, and corpus or regression files (named without an extension); the
+// reference outputs and notes beside them are skipped.
 bool is_input(const fs::path& path) {
     const std::string ext = path.extension().string();
-    return ext == ".bit" || ext == ".mp3" || ext == ".mp2";
+    return ext.empty() || ext == ".bit" || ext == ".mp3" || ext == ".mp2" || ext == ".wav";
 }
 
 }  // namespace
 
-// usage: decode_fuzz_driver MUTATIONS PATH...
+// usage: <target>_driver MUTATIONS PATH...
 int main(int argc, char** argv) {
     if (argc < 3) {
         std::fprintf(stderr, "usage: %s MUTATIONS PATH...\n", argv[0]);
@@ -115,7 +117,7 @@ int main(int argc, char** argv) {
         }
         run(bytes);
     }
-    std::fprintf(stderr, "\ndecode fuzz driver: %zu inputs, %ld mutations, no fault\n",
+    std::fprintf(stderr, "\nfuzz driver: %zu inputs, %ld mutations, no fault\n",
                  inputs.size(), mutations);
     return 0;
 }

@@ -1,0 +1,56 @@
+// Fuzz target over the whole conversion in memory: the input bytes are an MP3 file handed to
+// kavo_convert_memory, which must never crash, print or leak, and must keep its promises on
+// every input: a status that is success or a refusal of the format, a one-line message exactly
+// when it fails, output only in whole 80-byte frames and none when the input is refused,
+// progress that never falls and ends at 100. A broken promise aborts, so the fuzzer keeps the
+// input. The input's size picks the gain.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "kavo/kavo.h"
+
+namespace {
+
+struct Observed {
+    size_t written = 0;
+    bool misaligned = false;
+    int last_percent = -1;
+    bool fell = false;
+};
+
+int take_output(void* user, const void*, size_t size) {
+    auto* seen = static_cast<Observed*>(user);
+    if (size % 80 != 0) seen->misaligned = true;
+    seen->written += size;
+    return 0;
+}
+
+void take_progress(void* user, int percent) {
+    auto* seen = static_cast<Observed*>(user);
+    if (percent < seen->last_percent || percent < 0 || percent > 100) seen->fell = true;
+    seen->last_percent = percent;
+}
+
+constexpr float kGains[] = {1.0f, 0.5f, 2.0f, -1.0f};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Observed seen;
+    char message[256];
+    std::memset(message, 'x', sizeof message);
+    const int status = kavo_convert_memory(data, size, kGains[size % 4], take_output,
+                                           take_progress, &seen, message, sizeof message);
+    const size_t length = strnlen(message, sizeof message);
+    const bool one_line = length < sizeof message && std::strchr(message, '\n') == nullptr;
+    bool kept = one_line && !seen.misaligned && !seen.fell;
+    if (status == KAVO_OK) {
+        kept = kept && length == 0 && seen.last_percent == 100;
+    } else {
+        kept = kept && status == KAVO_ERROR_FORMAT && length > 0 && seen.written == 0;
+    }
+    if (!kept) std::abort();
+    return 0;
+}
