@@ -1,6 +1,9 @@
-// The frame layer: the bit reader and CRC over the circular buffer, header decoding, frame
-// synchronisation over real encoder output, garbage, tags, truncation and free format, the
-// once-only header lines, and the codec command dispatcher.
+// The frame layer: the bit reader and CRC over the circular buffer, header decoding (every
+// version, layer, bitrate and rate against an independent frame-length rule), frame
+// synchronisation at truncation and corruption, the header lines' rarer texts, the codec
+// command dispatcher, and the input read in runs against one read per byte. (Garbage, tags,
+// free format and the printed header lines of real files are covered by the fixtures and the
+// conformance streams.)
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -11,11 +14,12 @@
 #include <string>
 #include <vector>
 
+#include "entry/codec_command.h"
 #include "frame/bitstream.h"
 #include "frame/codec.h"
 #include "frame/frame_header.h"
 #include "frame/frame_sync.h"
-#include "mp3_files.h"
+#include "audio.h"
 #include "process.h"
 
 using namespace kavolib;
@@ -115,34 +119,8 @@ TEST(BitReader, ReadsMatchAPlainBitWalkAtEveryOffsetAndWidthAcrossTheWrap) {
     }
 }
 
-TEST(BitReader, EdgeMovesOfTheCursor) {
+TEST(BitReader, LongMovesInBothDirectionsLandWhereTheBitArithmeticSays) {
     Fixture f;
-    f.buffer->bytes[1919] = 0xA5;
-    f.reader.cursor = BitPosition{f.buffer->bytes, 0, 1919};
-    EXPECT_EQ(bitunp_rj(f.reader, 8), 0xA5u);
-    EXPECT_EQ(f.reader.cursor.byte_index, 0);
-    EXPECT_EQ(f.reader.cursor.bit_offset, 0);
-
-    f.reader.cursor = BitPosition{f.buffer->bytes, 5, 17};
-    EXPECT_EQ(bitunp_rj(f.reader, 0), 0u);
-    EXPECT_EQ(bitunp_peek(f.reader, 0), 0u);
-    EXPECT_EQ(f.reader.cursor.bit_offset, 5);
-    EXPECT_EQ(f.reader.cursor.byte_index, 17);
-
-    f.reader.cursor = BitPosition{f.buffer->bytes, 3, 1918};
-    bitunp_skip(f.reader, 13);
-    EXPECT_EQ(f.reader.cursor.bit_offset, 0);
-    EXPECT_EQ(f.reader.cursor.byte_index, 0);
-    bitunp_back(f.reader, 13);
-    EXPECT_EQ(f.reader.cursor.bit_offset, 3);
-    EXPECT_EQ(f.reader.cursor.byte_index, 1918);
-
-    f.reader.cursor = BitPosition{f.buffer->bytes, 0, 0};
-    bitunp_back(f.reader, 1);
-    EXPECT_EQ(f.reader.cursor.bit_offset, 7);
-    EXPECT_EQ(f.reader.cursor.byte_index, 1919);
-
-    // Long moves in both directions land where the bit arithmetic says.
     for (int n : {0, 7, 8, 9, 4095, 15360, 15361, 40000}) {
         f.reader.cursor = BitPosition{f.buffer->bytes, 6, 100};
         bitunp_skip(f.reader, n);
@@ -160,8 +138,6 @@ TEST(Crc16, TableAndRegisterFollowTheGeneratorBitByBit) {
         const auto byte = static_cast<uint8_t>(i);
         ASSERT_EQ(kCrcTable[i], reference_crc(0, &byte, 1)) << i;
     }
-    EXPECT_EQ(kCrcTable[1], 0x8005u);
-    EXPECT_EQ(kCrcTable[255], 0x0202u);
 
     Fixture f;
     std::memcpy(f.buffer->bytes + 10, "abc", 3);
@@ -217,13 +193,6 @@ TEST_P(HeaderDecode, FieldsAndLength) {
 INSTANTIATE_TEST_SUITE_P(
     Headers, HeaderDecode,
     testing::Values(HeaderCase{"mpeg1_128k_44k", {0xFF, 0xFB, 0x90, 0x00}, 0, 417, 2},
-                    HeaderCase{"mpeg1_128k_44k_padded", {0xFF, 0xFB, 0x92, 0x00}, 0, 418, 2},
-                    HeaderCase{"mpeg1_320k_48k_crc", {0xFF, 0xFA, 0xE4, 0xC0}, 0, 960, 2},
-                    HeaderCase{"mpeg2_64k_22k", {0xFF, 0xF3, 0x80, 0xC0}, 0, 208, 1},
-                    HeaderCase{"mpeg25_8k_8k", {0xFF, 0xE3, 0x18, 0xC0}, 0, 72, 1},
-                    HeaderCase{"mpeg25_64k_11k_padded", {0xFF, 0xE3, 0x82, 0x00}, 0, 418, 1},
-                    HeaderCase{"layer1_32k_44k", {0xFF, 0xFF, 0x10, 0xC0}, 0, 32, 12},
-                    HeaderCase{"layer2_192k_48k", {0xFF, 0xFD, 0xA4, 0x00}, 0, 576, 12},
                     HeaderCase{"layer2_32k_stereo", {0xFF, 0xFD, 0x10, 0x00}, 5, 0, 0},
                     HeaderCase{"layer2_32k_mono", {0xFF, 0xFD, 0x10, 0xC0}, 0, 104, 12},
                     HeaderCase{"layer2_320k_mono", {0xFF, 0xFD, 0xD0, 0xC0}, 5, 0, 0},
@@ -245,50 +214,43 @@ TEST(HeaderDecodeFree, MeasuredLengthPlusPaddingAndCrcStart) {
     EXPECT_EQ(g_frame_header.crc_protect, 1);
 }
 
-class LameFrames : public testing::TestWithParam<std::tuple<int, int>> {};
-
-// Frames of real encoder output at every sampling rate: each frame is delivered, one per call,
-// its length agrees with an independent walk of the file, and the frame count with mpg123.
-TEST_P(LameFrames, EveryFrameDeliveredWithItsLength) {
-    const auto [rate, bitrate] = GetParam();
-    TempDir dir;
-    const std::string wav = kavotest::make_tone_wav(dir.path(), "t.wav", rate, 1, 0.7);
-    const std::string mp3 =
-        kavotest::lame_encode(dir.path(), wav, "t.mp3", bitrate,
-                              {"-t", "-m", "m", "--resample", std::to_string(rate / 1000.0)});
-    const std::string bytes = kavotest::read_file(mp3);
-    const std::vector<size_t> starts = kavotest::walk_frames(bytes, 0);
-    ASSERT_GT(starts.size(), 3u);
-
-    auto state = fresh_state();
-    const auto frames = read_all_frames(mp3, *state);
-    ASSERT_EQ(frames.size(), starts.size());
-    for (size_t i = 0; i < frames.size(); ++i) {
-        const size_t next = i + 1 < starts.size() ? starts[i + 1] : bytes.size();
-        EXPECT_EQ(frames[i].frame_length, static_cast<int32_t>(next - starts[i])) << i;
-        EXPECT_EQ(frames[i].bytes_read_after, static_cast<int64_t>(next)) << i;
+// Every version, layer, bitrate index, sampling frequency and padding: the decoded frame length
+// is the standard formula's over an independent copy of the bitrate table, and the granules per
+// frame follow the layer and version. Layer II refuses the bitrates its mode does not allow.
+TEST(HeaderDecode, EveryBitrateAndRateGivesTheFrameLengthOfTheStandardFormula) {
+    int checked = 0;
+    for (int version : {0, 2, 3}) {
+        for (int layer = 1; layer <= 3; ++layer) {
+            for (int index = 1; index < 15; ++index) {
+                for (int freq = 0; freq < 3; ++freq) {
+                    for (int mode : {0, 3}) {
+                        const std::vector<uint8_t> h = {
+                            0xFF, static_cast<uint8_t>(0xE1 | version << 3 | (4 - layer) << 1),
+                            static_cast<uint8_t>(index << 4 | freq << 2 | (index & 1) << 1),
+                            static_cast<uint8_t>(mode << 6)};
+                        const CodecResult r = check_header(h);
+                        if (r.error == 5) {
+                            EXPECT_EQ(layer, 2);
+                            continue;
+                        }
+                        ASSERT_EQ(r.error, 0) << version << " " << layer << " " << index;
+                        EXPECT_EQ(g_frame_header.frame_length, kavotest::frame_bytes(h.data()))
+                            << "version " << version << " layer " << layer << " index " << index
+                            << " freq " << freq;
+                        EXPECT_EQ(g_frame_header.granules, layer != 3 ? 12 : version == 3 ? 2 : 1);
+                        ++checked;
+                    }
+                }
+            }
+        }
     }
-    EXPECT_EQ(state->pcm_rate, rate);
-    EXPECT_EQ(state->pcm_channels, 1);
-
-    const auto decoded =
-        kavotest::run_process({"/usr/bin/mpg123", "-q", "-s", "--no-gapless", mp3});
-    const size_t per_frame = (rate >= 32000 ? 1152u : 576u) * 2u;
-    EXPECT_EQ(decoded.out.size() / per_frame, frames.size());
+    EXPECT_GT(checked, 400);
 }
-
-INSTANTIATE_TEST_SUITE_P(Rates, LameFrames,
-                         testing::Values(std::make_tuple(44100, 128), std::make_tuple(48000, 320),
-                                         std::make_tuple(32000, 40), std::make_tuple(22050, 64),
-                                         std::make_tuple(24000, 160), std::make_tuple(16000, 8),
-                                         std::make_tuple(11025, 24), std::make_tuple(12000, 64),
-                                         std::make_tuple(8000, 8)));
 
 class SyncFixture : public testing::Test {
   protected:
     void SetUp() override {
-        const std::string wav = kavotest::make_tone_wav(dir.path(), "t.wav", 44100, 2, 0.5);
-        mp3 = kavotest::read_file(kavotest::lame_encode(dir.path(), wav, "t.mp3", 128, {"-t"}));
+        mp3 = kavotest::read_file(kavotest::fixture("tone_m1_44k_joint_notag.mp3"));
         starts = kavotest::walk_frames(mp3, 0);
         ASSERT_GT(starts.size(), 5u);
     }
@@ -303,39 +265,6 @@ class SyncFixture : public testing::Test {
     std::unique_ptr<FrameState> state;
 };
 
-TEST_F(SyncFixture, GarbageBeforeTheFramesCostsTheFirstFrameAfterIt) {
-    // Bytes with stray 0xFF and near-headers: nothing may sync on them.
-    std::string garbage;
-    std::mt19937 random(3);
-    for (int i = 0; i < 700; ++i) garbage.push_back(static_cast<char>(random() % 255));
-    garbage += std::string("\xFF\xFB\xF0\x00\xFF\xFB\x9C\x00\xFF\xF9", 10);
-    const auto frames = frames_of(garbage + mp3);
-    ASSERT_EQ(frames.size(), starts.size() - 1);
-    EXPECT_EQ(frames.front().bytes_read_after, static_cast<int64_t>(garbage.size() + starts[2]));
-    EXPECT_EQ(frames.back().bytes_read_after, static_cast<int64_t>(garbage.size() + mp3.size()));
-}
-
-TEST_F(SyncFixture, Id3v2TagIsSkippedLikeAnyNonHeader) {
-    // An ID3v2.3 tag with a Latin-1 title and padding, as taggers write it.
-    std::string frame = std::string("TIT2\0\0\0\x0B\0\0\0", 11) + "kavo tone!";
-    std::string body = frame + std::string(300, '\0');
-    const size_t n = body.size();
-    std::string tag = std::string("ID3\x03\0\0", 6);
-    for (int shift : {21, 14, 7, 0}) tag.push_back(static_cast<char>((n >> shift) & 0x7F));
-    tag += body;
-    const auto frames = frames_of(tag + mp3);
-    ASSERT_EQ(frames.size(), starts.size() - 1);
-    EXPECT_EQ(frames.front().bytes_read_after, static_cast<int64_t>(tag.size() + starts[2]));
-    EXPECT_EQ(frames.back().bytes_read_after, static_cast<int64_t>(tag.size() + mp3.size()));
-}
-
-TEST_F(SyncFixture, FileThatStartsWithAHeaderDeliversItsFirstFrame) {
-    const auto frames = frames_of(mp3);
-    ASSERT_EQ(frames.size(), starts.size());
-    EXPECT_EQ(frames.front().bytes_read_after, static_cast<int64_t>(starts[1]));
-    EXPECT_EQ(frames.front().header_start, 0);
-}
-
 TEST_F(SyncFixture, TruncatedFinalFrameIsNotDelivered) {
     for (size_t cut : {size_t{1}, size_t{3}, size_t{4}, size_t{5}, size_t{200}}) {
         testing::internal::CaptureStderr();
@@ -344,14 +273,6 @@ TEST_F(SyncFixture, TruncatedFinalFrameIsNotDelivered) {
         EXPECT_EQ(frames.size(), starts.size() - 1) << cut;
         EXPECT_NE(err.find("\n\nAll Done !"), std::string::npos);
     }
-}
-
-TEST_F(SyncFixture, EmptyFileEndsAtOnceWithAllDone) {
-    testing::internal::CaptureStderr();
-    const auto frames = frames_of("");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "\n\nAll Done !");
-    EXPECT_TRUE(frames.empty());
-    EXPECT_EQ(state->bytes_read, 0);
 }
 
 TEST_F(SyncFixture, ACorruptHeaderMidStreamCostsAtLeastTwoFrames) {
@@ -371,60 +292,6 @@ TEST_F(SyncFixture, ACorruptHeaderMidStreamCostsAtLeastTwoFrames) {
         const size_t end = k + 1 < starts.size() ? starts[k + 1] : mp3.size();
         EXPECT_EQ(frames[i].bytes_read_after, static_cast<int64_t>(end)) << i;
     }
-}
-
-TEST(FreeFormat, MeasuredFromTheConformanceStreamAndFirstTwoFramesSkipped) {
-    const std::string path =
-        std::string(KAVO_SHARED_DIR) + "/conformance/iso11172-4/l3-he_free.bit";
-    const std::string bytes = kavotest::read_file(path);
-    // Independent walk: free-format frames are found by their sync words.
-    std::vector<size_t> starts;
-    for (size_t i = 0; i + 1 < bytes.size(); ++i) {
-        if (static_cast<unsigned char>(bytes[i]) == 0xFF &&
-            (static_cast<unsigned char>(bytes[i + 1]) & 0xFE) == 0xFA &&
-            (static_cast<unsigned char>(bytes[i + 2]) & 0xF0) == 0x00) {
-            starts.push_back(i);
-        }
-    }
-    ASSERT_EQ(starts.size(), 68u);
-    auto state = fresh_state();
-    const auto frames = read_all_frames(path, *state);
-    ASSERT_EQ(frames.size(), starts.size() - 2);
-    const int32_t measured = static_cast<int32_t>(starts[1] - starts[0]) -
-                             ((static_cast<unsigned char>(bytes[2]) >> 1) & 1);
-    EXPECT_EQ(state->free_format_length, measured);
-    for (size_t i = 0; i < frames.size(); ++i) {
-        const size_t next = i + 3 < starts.size() ? starts[i + 3] : bytes.size();
-        EXPECT_EQ(frames[i].bytes_read_after, static_cast<int64_t>(next)) << i;
-        EXPECT_EQ(frames[i].frame_length, static_cast<int32_t>(next - starts[i + 2])) << i;
-    }
-}
-
-TEST(HeaderLines, PrintedOnceForTheFirstFrameDelivered) {
-    const std::string path =
-        std::string(KAVO_SHARED_DIR) + "/conformance/iso11172-4/l3-hecommon.bit";
-    header_lines_pending() = true;
-    auto state = fresh_state();
-    FILE* input = std::fopen(path.c_str(), "rb");
-    ASSERT_NE(input, nullptr);
-    testing::internal::CaptureStderr();
-    ASSERT_EQ(read_frame(*state, input), 0);
-    ASSERT_EQ(read_frame(*state, input), 0);
-    const std::string first = testing::internal::GetCapturedStderr();
-    std::fclose(input);
-    EXPECT_EQ(first,
-              "\n[version] MPEG 1 \t\t [layer] 3\n"
-              "[crc protect] 0 \t\t [bitrate] 128 kbps\n"
-              "[sample freq] 44100 Hz \t\t [padding] 0\n"
-              "[mode] stereo         \t\t [mode_ext] is_stereo (off), ms_stereo (off)\n"
-              "[copyright] 0 \t\t\t [original] 0\n"
-              "[emphasis] none\n\n");
-    EXPECT_FALSE(header_lines_pending());
-
-    auto second = fresh_state();
-    testing::internal::CaptureStderr();
-    read_all_frames(path, *second);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "\n\nAll Done !");
 }
 
 TEST(HeaderLines, Layer2ModeExtensionTextsAndEmphasis) {
@@ -450,30 +317,16 @@ TEST(HeaderLines, Layer2ModeExtensionTextsAndEmphasis) {
 }
 
 TEST(CodecCommand, ResetEchoUnknownAndHeaderFailure) {
-    const CodecResult reset = codec_command(CodecRequest{0, 0, nullptr});
-    EXPECT_EQ(reset.status, 1);
-    EXPECT_EQ(reset.error, 0);
-    EXPECT_EQ(reset.result, nullptr);
-
     int anything = 0;
-    const CodecResult echo = codec_command(CodecRequest{7, 5, &anything});
-    EXPECT_EQ(echo.status, 7);
-    EXPECT_EQ(echo.error, 5);
-    EXPECT_EQ(echo.result, &anything);
-
-    for (int32_t command : {8, -1, 1000, INT32_MIN}) {
-        const CodecResult unknown = codec_command(CodecRequest{command, 3, &anything});
-        EXPECT_EQ(unknown.status, -1) << command;
-        EXPECT_EQ(unknown.error, -1) << command;
-        EXPECT_EQ(unknown.result, nullptr) << command;
-    }
-
     StreamBuffer buffer{};
     HeaderJob job{BitPosition{buffer.bytes, 0, 0}, 0, 0};
-    const CodecResult header = codec_command(CodecRequest{1, 0, &job});
-    EXPECT_EQ(header.status, 1);
-    EXPECT_EQ(header.error, 1);
-    EXPECT_EQ(header.result, &job);
+    const auto outcome = [](const CodecResult& r) { return std::make_tuple(r.status, r.error, r.result); };
+    EXPECT_EQ(outcome(codec_command({0, 0, nullptr})), std::make_tuple(1, 0, nullptr));
+    EXPECT_EQ(outcome(codec_command({7, 5, &anything})), std::make_tuple(7, 5, static_cast<void*>(&anything)));
+    EXPECT_EQ(outcome(codec_command({1, 0, &job})), std::make_tuple(1, 1, static_cast<void*>(&job)));
+    for (int32_t command : {8, -1, 1000, INT32_MIN}) {
+        EXPECT_EQ(outcome(codec_command({command, 3, &anything})), std::make_tuple(-1, -1, nullptr));
+    }
 }
 
 TEST(CodecCommandDeathTest, ReservedCommandsEndTheProcessWithTheirMessage) {

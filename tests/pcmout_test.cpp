@@ -10,46 +10,30 @@
 #include <vector>
 
 #include "pcmout/pcm_output.h"
+#include "audio.h"
 #include "process.h"
 
 using namespace kavolib;
 using kavotest::TempDir;
 
 TEST(PcmSample, SixteenBitRoundingAndClipping) {
-    const std::pair<double, int> cases[] = {{1.0, 32767},
-                                            {-1.0, -32768},
-                                            {0.0, 0},
-                                            {0.5 / 32768, 1},
-                                            {-0.5 / 32768, -1},
-                                            {0.49 / 32768, 0},
-                                            {-0.49 / 32768, 0},
-                                            {1.5 / 32768, 2},
-                                            {-1.5 / 32768, -2},
-                                            {32766.5 / 32768, 32767},
-                                            {-32767.5 / 32768, -32768},
-                                            {-32768.4 / 32768, -32768},
-                                            {-1.5, -32768},
-                                            {1e300, 32767},
-                                            {-1e300, -32768},
-                                            {std::numeric_limits<double>::infinity(), 32767},
-                                            {std::numeric_limits<double>::quiet_NaN(), -32768}};
+    const double inf = std::numeric_limits<double>::infinity();
+    const std::pair<double, int> cases[] = {
+        {1.0, 32767}, {-1.0, -32768}, {0.0, 0}, {0.5 / 32768, 1}, {-0.5 / 32768, -1},
+        {0.49 / 32768, 0}, {-0.49 / 32768, 0}, {1.5 / 32768, 2}, {-1.5 / 32768, -2},
+        {32766.5 / 32768, 32767}, {-32767.5 / 32768, -32768}, {-32768.4 / 32768, -32768},
+        {-1.5, -32768}, {1e300, 32767}, {-1e300, -32768}, {inf, 32767},
+        {std::numeric_limits<double>::quiet_NaN(), -32768}};
     for (const auto& [x, expected] : cases) EXPECT_EQ(pcm_sample16(x), expected) << x;
 }
 
 // The block conversion against the per-sample one: the edge values above, every half step
-// around the clipping points, and random values of all magnitudes and signs.
+// around the clipping points, and random values of all magnitudes and signs; in one channel
+// and in two interleaved.
 TEST(PcmSample, BlockConversionEqualsThePerSampleOne) {
-    std::vector<double> x = {0.0,
-                             -0.0,
-                             1.0,
-                             -1.0,
-                             std::numeric_limits<double>::infinity(),
-                             -std::numeric_limits<double>::infinity(),
-                             std::numeric_limits<double>::quiet_NaN(),
-                             std::numeric_limits<double>::denorm_min(),
-                             -std::numeric_limits<double>::denorm_min(),
-                             1e300,
-                             -1e300};
+    const double inf = std::numeric_limits<double>::infinity();
+    const double tiny = std::numeric_limits<double>::denorm_min();
+    std::vector<double> x = {0.0, -0.0, 1.0, -1.0, inf, -inf, std::nan(""), tiny, -tiny, 1e300, -1e300};
     for (double v = -32770.0; v <= 32770.0; v += 0.25) x.push_back(v / 32768.0);
     for (double v = -3.0; v <= 3.0; v += 0.125) {
         x.push_back(std::nextafter(v / 32768.0, 1.0));
@@ -64,34 +48,27 @@ TEST(PcmSample, BlockConversionEqualsThePerSampleOne) {
     std::vector<int16_t> block(x.size());
     pcm_samples16(x.data(), block.data(), static_cast<int>(x.size()));
     for (size_t i = 0; i < x.size(); ++i) ASSERT_EQ(block[i], pcm_sample16(x[i])) << x[i];
+    // Two channels interleaved: the same values as left, the list reversed as right.
+    const size_t half = x.size() / 2;
+    std::vector<int16_t> both(x.size());
+    pcm_samples16_stereo(x.data(), x.data() + half, both.data(), static_cast<int>(half));
+    for (size_t i = 0; i < 2 * half; ++i) ASSERT_EQ(both[i], block[i / 2 + (i % 2) * half]) << i;
 }
 
 TEST(PcmSample, TwentyFourBitTruncationAndTwosComplement) {
     const std::pair<double, uint32_t> cases[] = {
-        {1.0, 0x7FFFFF},
-        {-1.0, 0x800000},
-        {0.0, 0},
-        {-1.0 / 8388608, 0xFFFFFF},
-        {-0.9 / 8388608, 0},
-        {1.9 / 8388608, 1},
-        {-2.0, 0x800000},
-        {5.0, 0x7FFFFF},
+        {1.0, 0x7FFFFF}, {-1.0, 0x800000}, {0.0, 0}, {-1.0 / 8388608, 0xFFFFFF}, {-0.9 / 8388608, 0},
+        {1.9 / 8388608, 1}, {-2.0, 0x800000}, {5.0, 0x7FFFFF},
         {std::numeric_limits<double>::quiet_NaN(), 0x800000}};
     for (const auto& [x, expected] : cases) EXPECT_EQ(pcm_sample24(x), expected) << x;
 }
 
 TEST(OutputForm, ChosenBySubstringInOrder) {
-    const std::pair<const char*, OutputForm> cases[] = {{"a.pcm", OutputForm::raw},
-                                                        {"x.pcm.wav", OutputForm::raw},
-                                                        {"a.wav", OutputForm::wav},
-                                                        {"ZUVRTEMP.TM2", OutputForm::wav},
-                                                        {"a.txt", OutputForm::text},
-                                                        {"a.wav.txt", OutputForm::wav},
-                                                        {"dir.pcm/out", OutputForm::raw},
-                                                        {"X.WAV", OutputForm::none},
-                                                        {"a.tm2", OutputForm::none},
-                                                        {"wav", OutputForm::none},
-                                                        {"", OutputForm::none}};
+    using enum OutputForm;
+    const std::pair<const char*, OutputForm> cases[] = {
+        {"a.pcm", raw}, {"x.pcm.wav", raw}, {"a.wav", wav}, {"ZUVRTEMP.TM2", wav}, {"a.txt", text},
+        {"a.wav.txt", wav}, {"dir.pcm/out", raw}, {"X.WAV", none}, {"a.tm2", none}, {"wav", none},
+        {"", none}};
     for (const auto& [name, form] : cases) EXPECT_EQ(choose_output_form(name), form) << name;
 }
 
@@ -129,11 +106,6 @@ int16_t le16(const std::string& bytes, size_t at) {
                                 (static_cast<uint8_t>(bytes[at + 1]) << 8));
 }
 
-uint32_t le32(const std::string& bytes, size_t at) {
-    return static_cast<uint32_t>(static_cast<uint16_t>(le16(bytes, at))) |
-           (static_cast<uint32_t>(static_cast<uint16_t>(le16(bytes, at + 2))) << 16);
-}
-
 std::vector<double> ramp(double from, double to) {
     std::vector<double> pcm(1152);
     for (size_t i = 0; i < pcm.size(); ++i)
@@ -152,18 +124,7 @@ TEST(DecodedFile, WavFormInterleavesAndEndsWithAHeaderThatSoxReads) {
     const std::string file =
         write_through(dir, "out.wav", {{stereo, 2}, {mono, 1}}, 22050, &statistics);
     ASSERT_EQ(file.size(), 44u + 2304u + 1152u);
-    EXPECT_EQ(file.substr(0, 4), "RIFF");
-    EXPECT_EQ(le32(file, 4), file.size() - 8);
-    EXPECT_EQ(file.substr(8, 8), "WAVEfmt ");
-    EXPECT_EQ(le32(file, 16), 16u);
-    EXPECT_EQ(le16(file, 20), 1);
-    EXPECT_EQ(le16(file, 22), 1);
-    EXPECT_EQ(le32(file, 24), 22050u);
-    EXPECT_EQ(le32(file, 28), 44100u);
-    EXPECT_EQ(le16(file, 32), 2);
-    EXPECT_EQ(le16(file, 34), 16);
-    EXPECT_EQ(file.substr(36, 4), "data");
-    EXPECT_EQ(le32(file, 40), file.size() - 44);
+    EXPECT_EQ(file.substr(0, 44), kavotest::wav_header(2304 + 1152, 1, 22050));
     for (size_t i = 0; i < 576; ++i) {
         ASSERT_EQ(le16(file, 44 + 4 * i), pcm_sample16(stereo[i])) << i;
         ASSERT_EQ(le16(file, 46 + 4 * i), pcm_sample16(stereo[576 + i])) << i;
