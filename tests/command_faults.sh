@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Faults the kavo command meets while it works, one row each: the output directory not
-# writable, the file-size limit reached while writing, the input removed while it is read,
+# writable, the file-size limit reached while writing, the input removed or truncated while it
+# is read (the command is stopped while it converts, the file cut, the command let go on),
 # standard input closed or ending at once, TMPDIR naming no directory. Each must end with one
 # line on standard error naming the cause, exit status 1, nothing left beside the output, and
 # the existing output as it was.
@@ -22,6 +23,7 @@ cases=(
   "file-size limit, convert%out.adpcm%ulimit -f 4; \$kavo convert in.mp3 out.adpcm%cannot write 'out.adpcm': File too large"
   "file-size limit, expand%out.wav%ulimit -f 4; \$kavo expand codes out.wav%File too large; 'out.wav' was not written"
   "input removed while read%out.adpcm%rm in.mp3; mkfifo in.mp3; { head -c 6000 \"\$mp3\"; rm in.mp3; } >in.mp3 & \$kavo convert in.mp3 out.adpcm%in.mp3: the file was removed"
+  "input truncated while read%out.adpcm%for i in \$(seq 100); do cat \"\$mp3\"; done >in.mp3; \$kavo convert in.mp3 out.adpcm & pid=\$!; until ls out.adpcm.*.part >/dev/null 2>&1 || ! kill -0 \$pid 2>/dev/null; do sleep 0.01; done; kill -STOP \$pid; truncate -s 20000 in.mp3; kill -CONT \$pid; wait \$pid%in.mp3: the file changed size while it was read"
   "standard input closed%out.adpcm%\$kavo convert - out.adpcm <&-%standard input: Bad file descriptor"
   "standard input ends at once%out.adpcm%: | \$kavo convert - out.adpcm%standard input: not an MP3"
   "TMPDIR missing%out.wav%TMPDIR=\$PWD/none \$kavo decode in.mp3 out.wav%in '.*/none' \\(TMPDIR\\): No such file or directory"
