@@ -8,17 +8,8 @@ set -euo pipefail
 mkdir -p "$1"
 data=$(cd "$1" && pwd)
 root=$(cd "$(dirname "$0")/../.." && pwd)
-kavo=$root/build/kavo
+. "$root/bench/parts/common.sh"
 
-make_mp3() {  # make_mp3 SECONDS FILE: pink noise and a sine sweep, lame at 128 kbit/s CBR
-  if [ ! -s "$2" ]; then
-    sox -R -n -r 44100 -c 2 -b 16 "$2.wav" synth "$1" pinknoise vol 0.3 \
-        synth "$1" sine mix 220-3520 vol 0.6
-    lame --quiet --cbr -b 128 "$2.wav" "$2.part"
-    mv "$2.part" "$2"
-    rm -f "$2.wav"
-  fi
-}
 long=$data/decode_10min_44k_stereo_128k.mp3
 short=$data/convert_1min_44k_stereo_128k.mp3
 make_mp3 600 "$long"
@@ -26,22 +17,6 @@ make_mp3 60 "$short"
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-
-# run_best NAME CMD...: best wall time of three runs (s) and the peak memory of the best (KB).
-run_best() {
-  local name=$1
-  shift
-  local best="" mem=""
-  for _ in 1 2 3; do
-    /usr/bin/time -f '%e %M' -o "$work/time" "$@" >/dev/null 2>&1
-    read -r t m <"$work/time"
-    if [ -z "$best" ] || [ "$(echo "$t < $best" | bc -l)" = 1 ]; then
-      best=$t
-      mem=$m
-    fi
-  done
-  echo "$best $mem" >"$work/$name"
-}
 
 cd "$work"
 for len in long short; do

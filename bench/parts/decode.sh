@@ -5,15 +5,9 @@
 set -euo pipefail
 data=${1:?usage: decode.sh DATADIR}
 root=$(cd "$(dirname "$0")/../.." && pwd)
-kavo=$root/build/kavo
+. "$root/bench/parts/common.sh"
 mp3=$data/decode_10min_44k_stereo_128k.mp3
-if [ ! -s "$mp3" ]; then
-  sox -R -n -r 44100 -c 2 -b 16 "$data/decode_src.wav" synth 600 pinknoise vol 0.3 \
-      synth 600 sine mix 220-3520 vol 0.6
-  lame --quiet --cbr -b 128 "$data/decode_src.wav" "$mp3.part"
-  mv "$mp3.part" "$mp3"
-  rm -f "$data/decode_src.wav"
-fi
+make_mp3 600 "$mp3"
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 

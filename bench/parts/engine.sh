@@ -7,15 +7,10 @@
 set -euo pipefail
 data=${1:?usage: engine.sh DATADIR}
 root=$(cd "$(dirname "$0")/../.." && pwd)
+. "$root/bench/parts/common.sh"
 run=$root/build/bench/engine_run
 mp3=$data/decode_10min_44k_stereo_128k.mp3
-if [ ! -s "$mp3" ]; then
-  sox -R -n -r 44100 -c 2 -b 16 "$data/decode_src.wav" synth 600 pinknoise vol 0.3 \
-      synth 600 sine mix 220-3520 vol 0.6
-  lame --quiet --cbr -b 128 "$data/decode_src.wav" "$mp3.part"
-  mv "$mp3.part" "$mp3"
-  rm -f "$data/decode_src.wav"
-fi
+make_mp3 600 "$mp3"
 one_minute=$data/engine_1min.mp3
 two_hours=$data/engine_2h.mp3
 [ -s "$one_minute" ] || head -c 960000 "$mp3" > "$one_minute"

@@ -8,7 +8,7 @@ set -euo pipefail
 mkdir -p "$1"
 data=$(cd "$1" && pwd)
 root=$(cd "$(dirname "$0")/../.." && pwd)
-kavo=$root/build/kavo
+. "$root/bench/parts/common.sh"
 prompts=$data/prompts_200x4s_22k
 count=200
 
@@ -30,24 +30,6 @@ fi
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-
-# run_best NAME CMD...: best wall time of three runs (s) and the peak memory of the best (KB).
-run_best() {
-  local name=$1
-  shift
-  local best="" mem=""
-  for _ in 1 2 3; do
-    rm -rf "$work/out"
-    mkdir -p "$work/out"
-    /usr/bin/time -f '%e %M' -o "$work/time" "$@" >/dev/null 2>&1
-    read -r t m <"$work/time"
-    if [ -z "$best" ] || [ "$(echo "$t < $best" | bc -l)" = 1 ]; then
-      best=$t
-      mem=$m
-    fi
-  done
-  echo "$best $mem" >"$work/$name"
-}
 
 run_best kavo "$kavo" convert -q -j 2 "$prompts"/*.mp3 -o "$work/out"
 [ "$(ls "$work/out" | wc -l)" -eq "$count" ] || { echo "kavo convert did not write $count files"; exit 1; }
