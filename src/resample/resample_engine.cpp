@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <bit>
+#include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 
@@ -139,8 +141,9 @@ int runConversion(ResampleState& s, ResampleIo& io, int inCount, int outCount, i
         if (s.lastIndex == 0) {
             s.lastIndex =
                 readData(s, io, inCount, s.input[0], s.input[1], IBUFFSIZE, nChans, nextRead);
-            if (s.lastIndex != 0 && s.lastIndex - guardLen < s.blockLen) {
-                const int shortened = s.lastIndex - guardLen;
+            // A header's frame count can be negative, down to INT_MIN: subtract in 64 bits.
+            const int64_t shortened = int64_t{s.lastIndex} - guardLen;
+            if (s.lastIndex != 0 && shortened < s.blockLen) {
                 if (shortened <= 0) break;
                 s.blockLen = static_cast<uint16_t>(shortened);
             }
@@ -256,7 +259,8 @@ int readData(ResampleState& state, ResampleIo& io, int inCount, int16_t* buffer1
         }
     }
     if (frames < inCount) return 0;
-    return inCount + start - 1;
+    // Below 0 (a negative count) every value ends the conversion alike; keep it an int.
+    return static_cast<int>(std::max<int64_t>(int64_t{inCount} + start - 1, INT_MIN));
 }
 
 int32_t wingSumUp(const int16_t* Coeffs, const int16_t* Differences, uint16_t Length,
