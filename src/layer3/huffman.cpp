@@ -20,17 +20,6 @@ inline bool entry_matches(uint32_t entry, uint32_t w) {
     return len == 0 || (entry >> (32 - len)) == (w >> (19 - len));
 }
 
-// bitunp_rj for 1 to 24 bits, inline: these run for every sign bit and escape.
-inline uint32_t read_bits(BitReader& reader, int n) {
-    const uint32_t value = bitunp_peek(reader, n);
-    bitunp_skip(reader, n);
-    return value;
-}
-
-inline int32_t apply_sign(BitReader& reader, int32_t value) {
-    return read_bits(reader, 1) != 0 ? -value : value;
-}
-
 // Code words of up to kShortCodeBits bits looked up directly by the first kShortCodeBits bits
 // of the stream. In a prefix code the entry that matches is the only one, so this finds the
 // entry the search finds; longer code words (kNoShortCode) go through the search.
@@ -196,7 +185,7 @@ struct LinearBits {
 };
 
 // The pair's values: each value of 15 takes its escape bits when the table has them, each
-// nonzero value its sign bit, in the order of huffman_pair (no branch on the data).
+// nonzero value its sign bit, in the standard's order (no branch on the data).
 template <bool kEscapes>
 __attribute__((always_inline)) inline int32_t pair_value(uint64_t& window, int32_t value,
                                                          int linbits) {
@@ -285,7 +274,7 @@ int32_t pair_bytes(int32_t slot, int32_t count) {
 }  // namespace
 
 // Pairs decoded from a linear run of the stream, each pair's bits found by one lookup: the same
-// code words, escapes and signs in the same order as huffman_pair.
+// code words, escapes and signs in the same order as decoding one code word at a time.
 void huffman_pairs(BitReader& reader, int32_t slot, double* out, int32_t count) {
     uint8_t scratch[kStreamBufferSize + 8];
     LinearBits bits{linear_bytes(reader, std::min(pair_bytes(slot, count), kStreamBufferSize + 8),
@@ -295,7 +284,7 @@ void huffman_pairs(BitReader& reader, int32_t slot, double* out, int32_t count) 
     bitunp_skip(reader, bits.position - reader.cursor.bit_offset);
 }
 
-// One quadruple as huffman_quad decodes it.
+// One quadruple: its code word, then a sign bit for each nonzero value.
 int32_t huffman_quad_fast(BitReader& reader, int32_t slot, int32_t values[4]) {
     uint8_t scratch[16];
     LinearBits bits{linear_bytes(reader, 16, scratch), reader.cursor.bit_offset};
@@ -376,39 +365,6 @@ uint32_t huffman_entry_search(int32_t slot, uint32_t w) {
         }
     }
     return codes[p];
-}
-
-uint32_t huffman_lookup(BitReader& reader, int32_t slot) {
-    const uint32_t w = bitunp_peek(reader, 19);
-    uint32_t entry = kShortCodes.entry[slot][w >> (19 - kShortCodeBits)];
-    if (entry == kNoShortCode) entry = huffman_entry_search(slot, w);
-    bitunp_skip(reader, static_cast<int>(entry_length(entry)));
-    return entry;
-}
-
-void huffman_pair(BitReader& reader, int32_t slot, int32_t& x, int32_t& y) {
-    const uint32_t entry = huffman_lookup(reader, slot);
-    const int linbits = kHuffmanTables[slot].linbits;
-    x = static_cast<int32_t>((entry >> 4) & 15u);
-    y = static_cast<int32_t>(entry & 15u);
-    if (x == 15 && linbits != 0) x += static_cast<int32_t>(read_bits(reader, linbits));
-    if (x != 0) x = apply_sign(reader, x);
-    if (y == 15 && linbits != 0) y += static_cast<int32_t>(read_bits(reader, linbits));
-    if (y != 0) y = apply_sign(reader, y);
-}
-
-int32_t huffman_quad(BitReader& reader, int32_t slot, int32_t values[4]) {
-    const uint32_t entry = huffman_lookup(reader, slot);
-    int32_t bits = static_cast<int32_t>(entry_length(entry));
-    for (int32_t i = 0; i < 4; ++i) {
-        int32_t v = static_cast<int32_t>((entry >> (3 - i)) & 1u);
-        if (v != 0) {
-            v = apply_sign(reader, v);
-            ++bits;
-        }
-        values[i] = v;
-    }
-    return bits;
 }
 
 void huffman_decode(Layer3State& state, BitReader& reader, int32_t granule, int32_t channel) {

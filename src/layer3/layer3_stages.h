@@ -21,16 +21,12 @@ int32_t setup_main_data(Layer3State& state, BitReader& reader, const FrameHeader
 void read_scale_factors(Layer3State& state, BitReader& reader, const FrameHeader& header,
                         int32_t granule, int32_t channel);
 
-// The entry of the next code word of the slot; its bits are consumed.
-uint32_t huffman_lookup(BitReader& reader, int32_t slot);
 // The entry whose code word begins the 19-bit string w, found through h_cue and the search of
-// the sorted code list (with its warnings); huffman_lookup takes short code words directly.
+// the sorted code list (with its warnings).
 uint32_t huffman_entry_search(int32_t slot, uint32_t w);
-void huffman_pair(BitReader& reader, int32_t slot, int32_t& x, int32_t& y);
-// Writes v, w, x, y to values; returns the bits consumed (code word and sign bits).
-int32_t huffman_quad(BitReader& reader, int32_t slot, int32_t values[4]);
-// count pairs of the slot written to out as 2 * count values, and one quadruple: the same
-// values, bits and cursor as huffman_pair and huffman_quad, with the bits read 64 at a time.
+// count pairs of the slot written to out as 2 * count values, and one quadruple (v, w, x, y
+// to values; returns the bits consumed, code word and sign bits), with the bits read 64 at a
+// time: code word, escape bits and sign bits in the standard's order.
 void huffman_pairs(BitReader& reader, int32_t slot, double* out, int32_t count);
 int32_t huffman_quad_fast(BitReader& reader, int32_t slot, int32_t values[4]);
 void huffman_decode(Layer3State& state, BitReader& reader, int32_t granule, int32_t channel);
