@@ -1,7 +1,7 @@
-// The ADPCM coder and its output stage: known code sequences; the coder, its block form and
-// the decoder against a literal rendering of the coding steps over long signals; the gain's
-// wrap; the packed file (lengths, nibble order, WAV and raw inputs, odd headers, progress
-// values, the data copy, failures).
+// The ADPCM coder and its output stage: the coder, its block form and the decoder against a
+// literal rendering of the coding steps over long signals; the gain's wrap; the packed file
+// (lengths, nibble order, WAV and raw inputs, odd headers, progress values, the data copy,
+// failures).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +10,7 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <filesystem>
 #include <limits>
 #include <ostream>
 #include <string>
@@ -34,8 +35,6 @@ struct Lcg {
         return static_cast<int16_t>(static_cast<uint16_t>(s >> 16));
     }
 };
-
-Samples tone8k(size_t n, double freq, double amp) { return sine(n, freq, 8000.0, amp); }
 
 std::vector<std::array<int32_t, 5>> g_calls;
 int32_t record_call(int32_t user, int32_t lo, int32_t hi, int32_t percent, int32_t one) {
@@ -68,36 +67,6 @@ std::vector<int> fields(const AdpcmState& s) {
 }  // namespace
 
 // ---- coder core ----
-
-struct SequenceCase {
-    const char* name;
-    Samples input;
-    std::vector<int> codes;
-};
-
-void PrintTo(const SequenceCase& c, std::ostream* os) { *os << c.name; }
-
-class AdpcmSequence : public testing::TestWithParam<SequenceCase> {};
-
-TEST_P(AdpcmSequence, CodesFromAFreshState) {
-    AdpcmState st;
-    adpcm_init(st);
-    std::vector<int> codes;
-    for (int16_t v : GetParam().input) codes.push_back(adpcm_encode_sample(st, v));
-    EXPECT_EQ(codes, GetParam().codes);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    KnownInputs, AdpcmSequence,
-    testing::Values(
-        SequenceCase{"Zeros", Samples(12, 0), std::vector<int>(12, 15)},
-        SequenceCase{"Plus1000", Samples(12, 1000), {7, 7, 7, 7, 7, 7, 7, 7, 7, 6, 5, 4}},
-        SequenceCase{"Minus1000", Samples(12, -1000), {8, 8, 8, 8, 8, 8, 8, 8, 8, 9, 10, 10}},
-        SequenceCase{"FullScale", Samples(8, 32767), std::vector<int>(8, 7)},
-        SequenceCase{"RisingSine",
-                     {0, 4064, 7649, 10328, 11787, 11852, 10515, 7935, 4417, 376, -3708, -7354},
-                     {15, 7, 7, 7, 7, 7, 7, 7, 7, 2, 8, 8}}),
-    [](const auto& param_info) { return std::string(param_info.param.name); });
 
 // A literal rendering of the coding steps in their written order, in 64-bit arithmetic with
 // every 16-bit reduction spelled out, against which the production coder (split into the parts
@@ -212,38 +181,6 @@ void PrintTo(const SignalCase& c, std::ostream* os) { *os << c.name; }
 
 class AdpcmSignals : public testing::TestWithParam<SignalCase> {};
 
-// The coder sample by sample, the coder in blocks of the output stage's size (and a ragged
-// last one) and the decoder fed the codes all follow the plain coder: the same codes, the same
-// reconstruction, every field of the state the same; the adaptation keeps its ranges.
-TEST_P(AdpcmSignals, CoderBlocksAndDecoderFollowTheStepsInTheirWrittenOrder) {
-    AdpcmState one, block, dec;
-    adpcm_init(one);
-    adpcm_init(block);
-    adpcm_init(dec);
-    PlainCoder plain;
-    const Samples& in = GetParam().input;
-    for (size_t at = 0; at < in.size(); at += 160) {
-        const size_t n = std::min<size_t>(160, in.size() - at);
-        uint8_t codes[160];
-        adpcm_encode_block(block, in.data() + at, static_cast<int>(n), codes);
-        for (size_t i = at; i < at + n; ++i) {
-            const int code = adpcm_encode_sample(one, in[i]);
-            ASSERT_EQ(code, plain.encode(in[i])) << "sample " << i;
-            ASSERT_EQ(codes[i - at], code) << "sample " << i;
-            ASSERT_EQ(one.sr1, plain.sr1) << "sample " << i;
-            ASSERT_EQ(adpcm_decode_code(dec, code), one.sr1) << "sample " << i;
-            ASSERT_EQ(fields(dec), fields(one)) << "sample " << i;
-            ASSERT_TRUE(one.yu >= 544 && one.yu <= 5120 && one.ap >= 0 && one.ap <= 512 &&
-                        one.a2 >= -12288 && one.a2 <= 12288 && one.yl >= 34816 && code >= 1)
-                << "sample " << i;
-        }
-        ASSERT_EQ(fields(block), fields(one)) << "block at " << at;
-        ASSERT_EQ(std::vector<int64_t>({one.a1, one.a2, one.yl, one.yu, one.ap, one.td}),
-                  std::vector<int64_t>({plain.a1, plain.a2, plain.yl, plain.yu, plain.ap, plain.td}))
-            << "block at " << at;
-    }
-}
-
 namespace {
 
 Samples random_input(size_t n) {
@@ -258,7 +195,7 @@ Samples full_scale_input() {
     Samples s;
     for (int i = 0; i < 4000; ++i) s.push_back(i % 2 ? int16_t{32767} : int16_t{-32768});
     for (int i = 0; i < 4000; ++i) s.push_back((i / 20) % 2 ? int16_t{32767} : int16_t{-32768});
-    const Samples tone = tone8k(8000, 440.0, 32767.0);
+    const Samples tone = sine(8000, 440.0, 8000, 32767.0);
     s.insert(s.end(), tone.begin(), tone.end());
     s.insert(s.end(), 100, int16_t{-32768});
     return s;
@@ -271,7 +208,7 @@ Samples tones_and_bursts() {
     Lcg r{99};
     for (double freq : {60.0, 150.0, 400.0, 1000.0, 2000.0, 3000.0, 3700.0, 3950.0}) {
         for (double amp : {200.0, 3000.0, 20000.0}) {
-            const Samples tone = tone8k(3000, freq, amp);
+            const Samples tone = sine(3000, freq, 8000, amp);
             s.insert(s.end(), tone.begin(), tone.end());
             for (int i = 0; i < 40; ++i) s.push_back(r.next());
         }
@@ -306,25 +243,47 @@ Samples silence_and_steps() {
 
 }  // namespace
 
-// From every state the signal leads to, each of the 15 codes in turn: the decoder's step gives
-// the plain steps' reconstruction and state. Far more states and codes than the signal itself
-// takes, among them the transition detector's threshold met exactly.
-TEST_P(AdpcmSignals, EveryCodeFromEveryStateFollowsThePlainSteps) {
-    const Samples& in = GetParam().input;
-    AdpcmState dec;
+// The coder sample by sample, the coder in blocks of the output stage's size (and a ragged
+// last one) and the decoder fed the codes all follow the plain coder: the same codes, the same
+// reconstruction, every field of the state the same; the adaptation keeps its ranges. And from
+// every state on the way (the first 60000), each of the 15 codes in turn: the decoder's step
+// gives the plain steps' reconstruction and state; far more states and codes than the signal
+// itself takes, among them the transition detector's threshold met exactly.
+TEST_P(AdpcmSignals, CoderBlocksAndDecoderFollowTheStepsInTheirWrittenOrder) {
+    AdpcmState one, block, dec;
+    adpcm_init(one);
+    adpcm_init(block);
     adpcm_init(dec);
     PlainCoder plain;
-    for (size_t i = 0; i < std::min<size_t>(in.size(), 60000); ++i) {
-        for (int code = 1; code <= 15; ++code) {
-            AdpcmState d = dec;
-            PlainCoder p = plain;
-            p.adapt(code, p.estimate());
-            ASSERT_EQ(adpcm_decode_code(d, code), p.sr1) << "sample " << i << " code " << code;
-            ASSERT_EQ(std::vector<int64_t>({d.a1, d.a2, d.yl, d.yu, d.ap, d.td, d.b[0], d.b[5]}),
-                      std::vector<int64_t>({p.a1, p.a2, p.yl, p.yu, p.ap, p.td, p.b[1], p.b[6]}))
-                << "sample " << i << " code " << code;
+    const Samples& in = GetParam().input;
+    for (size_t at = 0; at < in.size(); at += 160) {
+        const size_t n = std::min<size_t>(160, in.size() - at);
+        uint8_t codes[160];
+        adpcm_encode_block(block, in.data() + at, static_cast<int>(n), codes);
+        for (size_t i = at; i < at + n; ++i) {
+            for (int code = 1; code <= 15 && i < 60000; ++code) {
+                AdpcmState d = dec;
+                PlainCoder p = plain;
+                p.adapt(code, p.estimate());
+                ASSERT_EQ(adpcm_decode_code(d, code), p.sr1) << "sample " << i << " code " << code;
+                ASSERT_EQ(std::vector<int64_t>({d.a1, d.a2, d.yl, d.yu, d.ap, d.td, d.b[0], d.b[5]}),
+                          std::vector<int64_t>({p.a1, p.a2, p.yl, p.yu, p.ap, p.td, p.b[1], p.b[6]}))
+                    << "sample " << i << " code " << code;
+            }
+            const int code = adpcm_encode_sample(one, in[i]);
+            ASSERT_EQ(code, plain.encode(in[i])) << "sample " << i;
+            ASSERT_EQ(codes[i - at], code) << "sample " << i;
+            ASSERT_EQ(one.sr1, plain.sr1) << "sample " << i;
+            ASSERT_EQ(adpcm_decode_code(dec, code), one.sr1) << "sample " << i;
+            ASSERT_EQ(fields(dec), fields(one)) << "sample " << i;
+            ASSERT_TRUE(one.yu >= 544 && one.yu <= 5120 && one.ap >= 0 && one.ap <= 512 &&
+                        one.a2 >= -12288 && one.a2 <= 12288 && one.yl >= 34816 && code >= 1)
+                << "sample " << i;
         }
-        adpcm_decode_code(dec, plain.encode(in[i]));
+        ASSERT_EQ(fields(block), fields(one)) << "block at " << at;
+        ASSERT_EQ(std::vector<int64_t>({one.a1, one.a2, one.yl, one.yu, one.ap, one.td}),
+                  std::vector<int64_t>({plain.a1, plain.a2, plain.yl, plain.yu, plain.ap, plain.td}))
+            << "block at " << at;
     }
 }
 
@@ -370,43 +329,30 @@ TEST(ApplyGain, TruncatesTowardZeroAndWrapsInSixteenBits) {
 
 // ---- output stage ----
 
-struct LengthCase {
-    int frames;
-    int extra_bytes;
-};
-
-class AdpcmFileLength : public testing::TestWithParam<LengthCase> {};
-
 // WAV and raw inputs of the same samples give the same 80 bytes per whole frame, the core's
 // codes two to a byte, the earlier in the low nibble; a trailing partial frame is dropped.
-TEST_P(AdpcmFileLength, TheCoresCodesPackedForEveryWholeFrameFromWavOrRaw) {
-    const auto [frames, extra] = GetParam();
-    Lcg r{uint32_t(frames * 7 + extra)};
-    Samples s(size_t(frames * 160 + extra / 2));
-    for (auto& v : s) v = static_cast<int16_t>(r.next() / 4);
-    const std::string body = pcm_bytes(s);
-    const std::string from_wav = encode_bytes(wav_header(uint32_t(body.size()), 1, 8000) + body);
-    EXPECT_EQ(encode_bytes(body), from_wav);
-    AdpcmState st;
-    adpcm_init(st);
-    std::string packed;
-    for (size_t i = 0; i + 1 < size_t(frames) * 160; i += 2) {
-        const int lo = adpcm_encode_sample(st, s[i]);
-        packed.push_back(static_cast<char>(lo | adpcm_encode_sample(st, s[i + 1]) << 4));
+TEST(AdpcmFile, TheCoresCodesPackedForEveryWholeFrameFromWavOrRaw) {
+    const std::pair<int, int> sizes[] = {{0, 0}, {0, 100}, {1, 0}, {1, 100}, {7, 0}, {50, 318}};
+    for (const auto& [frames, extra] : sizes) {
+        Lcg r{uint32_t(frames * 7 + extra)};
+        Samples s(size_t(frames * 160 + extra / 2));
+        for (auto& v : s) v = static_cast<int16_t>(r.next() / 4);
+        const std::string body = pcm_bytes(s);
+        const std::string from_wav = encode_bytes(wav_header(uint32_t(body.size()), 1, 8000) + body);
+        EXPECT_EQ(encode_bytes(body), from_wav);
+        AdpcmState st;
+        adpcm_init(st);
+        std::string packed;
+        for (size_t i = 0; i + 1 < size_t(frames) * 160; i += 2) {
+            const int lo = adpcm_encode_sample(st, s[i]);
+            packed.push_back(static_cast<char>(lo | adpcm_encode_sample(st, s[i + 1]) << 4));
+        }
+        EXPECT_EQ(from_wav, packed) << frames << " frames and " << extra << " bytes";
     }
-    EXPECT_EQ(from_wav, packed);
 }
 
-INSTANTIATE_TEST_SUITE_P(Sizes, AdpcmFileLength,
-                         testing::Values(LengthCase{0, 0}, LengthCase{0, 100}, LengthCase{1, 0},
-                                         LengthCase{1, 100}, LengthCase{7, 0}, LengthCase{50, 318}),
-                         [](const auto& p) {
-                             return "Frames" + std::to_string(p.param.frames) + "Plus" +
-                                    std::to_string(p.param.extra_bytes);
-                         });
-
 TEST(AdpcmFile, OddHeadersAndTinyInputs) {
-    const std::string two_frames = pcm_bytes(tone8k(320, 500.0, 9000.0));
+    const std::string two_frames = pcm_bytes(sine(320, 500.0, 8000, 9000.0));
     const auto with_size = [&](uint32_t size) { return wav_header(size, 1, 8000) + two_frames; };
     // A data size of 0 encodes nothing, whatever follows.
     EXPECT_EQ(encode_bytes(with_size(0)).size(), 0u);
@@ -420,59 +366,41 @@ TEST(AdpcmFile, OddHeadersAndTinyInputs) {
     EXPECT_EQ(encode_bytes("").size(), 0u);
 }
 
-struct ProgressCase {
-    const char* name;
-    size_t file_bytes;
-    bool riff;
-    std::vector<int32_t> values;
-};
-
-void PrintTo(const ProgressCase& c, std::ostream* os) { *os << c.name; }
-
-class AdpcmProgress : public testing::TestWithParam<ProgressCase> {};
-
-TEST_P(AdpcmProgress, ReportsAfterFramesOneFourSeven) {
-    const ProgressCase& c = GetParam();
-    const size_t body = c.riff ? c.file_bytes - 44 : c.file_bytes;
-    const std::string samples = pcm_bytes(tone8k(body / 2, 300.0, 5000.0));
-    g_calls.clear();
-    encode_bytes(c.riff ? wav_header(uint32_t(samples.size()), 1, 8000) + samples : samples, 1.0f,
-                 record_call, 4242);
-    std::vector<int32_t> values;
-    for (const auto& call : g_calls) {
-        EXPECT_EQ(call, (std::array<int32_t, 5>{4242, 0, 100, call[3], 1}));
-        values.push_back(call[3]);
+// Reports after frames 1, 4, 7, ... of the file's length in samples, WAV or raw.
+TEST(AdpcmFile, ProgressAfterFramesOneFourSeven) {
+    const struct {
+        size_t file_bytes;
+        bool riff;
+        std::vector<int32_t> values;
+    } cases[] = {{44 + 2240, true, {82, 91, 99}},
+                 {1280, false, {85, 100}},
+                 // 80 + 20 x 0.02 / 0.2 in single-precision p and T is 81.99999994.
+                 {3200, false, {81, 87, 94, 100}},
+                 {44 + 300, true, {}}};
+    for (const auto& c : cases) {
+        const std::string samples =
+            pcm_bytes(sine((c.riff ? c.file_bytes - 44 : c.file_bytes) / 2, 300.0, 8000, 5000.0));
+        g_calls.clear();
+        encode_bytes(c.riff ? wav_header(uint32_t(samples.size()), 1, 8000) + samples : samples,
+                     1.0f, record_call, 4242);
+        std::vector<int32_t> values;
+        for (const auto& call : g_calls) {
+            EXPECT_EQ(call, (std::array<int32_t, 5>{4242, 0, 100, call[3], 1}));
+            values.push_back(call[3]);
+        }
+        EXPECT_EQ(values, c.values) << c.file_bytes << " bytes";
     }
-    EXPECT_EQ(values, c.values);
 }
-
-std::vector<int32_t> one_second_values() {
-    // 50 frames of a one-second WAV: 17 reports, after frames 1, 4, ..., 49, the first 80.
-    std::vector<int32_t> v;
-    const double T = 16044 * 6.25e-5;
-    for (int frame = 1; frame <= 49; frame += 3) v.push_back(int32_t(80 + 20 * (frame * 0.02) / T));
-    return v;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Files, AdpcmProgress,
-    testing::Values(ProgressCase{"WavOfSevenFrames", 44 + 2240, true, {82, 91, 99}},
-                    ProgressCase{"RawOfFourFrames", 1280, false, {85, 100}},
-                    // 80 + 20 x 0.02 / 0.2 in single-precision p and T is 81.99999994.
-                    ProgressCase{"RawOfTenFrames", 3200, false, {81, 87, 94, 100}},
-                    ProgressCase{"OneSecondWav", 16044, true, one_second_values()},
-                    ProgressCase{"LessThanAFrame", 44 + 300, true, {}}),
-    [](const auto& param_info) { return std::string(param_info.param.name); });
 
 using AdpcmFileDeathTest = testing::Test;
 
 TEST_F(AdpcmFileDeathTest, UnopenableFilesEndTheProcessWithStatusOne) {
     TempDir dir;
-    write_file(dir.file("in.wav"), wav_bytes(tone8k(320, 500.0, 1000.0), 1, 8000));
+    write_file(dir.file("in.wav"), wav_bytes(sine(320, 500.0, 8000, 1000.0), 1, 8000));
     InDir here(dir.path());
     EXPECT_EXIT(adpcm_encode_file("missing.wav", "out", 1.0f, nullptr, 0),
                 testing::ExitedWithCode(1), "");
-    EXPECT_FALSE(file_exists(dir.file("out"))) << "output made for a missing input";
+    EXPECT_FALSE(std::filesystem::exists(dir.file("out"))) << "output made for a missing input";
     EXPECT_EXIT(adpcm_encode_file("in.wav", "no/such/dir/out", 1.0f, nullptr, 0),
                 testing::ExitedWithCode(1), "");
     // The data copy cannot be created when a directory has its name.

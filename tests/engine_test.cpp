@@ -21,6 +21,7 @@ using kavotest::read_file;
 using kavotest::run_process;
 using kavotest::TempDir;
 using kavotest::write_file;
+using Message = std::string;
 
 namespace {
 
@@ -137,7 +138,13 @@ struct ErrorCase {
     int (*run)(const TempDir& dir, std::string& message);
 };
 
-std::string fixture(const char* name) { return read_file(std::string(KAVO_FIXTURES_DIR) + "/" + name); }
+std::string fixture(const char* name) { return read_file(kavotest::fixture(name)); }
+
+// dir/in.mp3 holding the fixture.
+std::string input(const TempDir& dir, const char* name) {
+    write_file(dir.file("in.mp3"), fixture(name));
+    return dir.file("in.mp3");
+}
 
 int file_call(const std::string& in, const std::string& out, float gain, std::string& message) {
     char text[256] = "unset";
@@ -147,10 +154,12 @@ int file_call(const std::string& in, const std::string& out, float gain, std::st
     return status;
 }
 
-int memory_call(const std::string& mp3, std::string& message, int stop_after = -1) {
+// The memory form on the fixture (or mp3 itself), stopped by the write after stop_after writes.
+int memory_call(const std::string& mp3, std::string& message, int stop_after = -1,
+                float gain = 1.0f) {
     Collected out;
     out.stop_after = stop_after;
-    const int status = convert_memory(mp3, 1.0f, out, &message);
+    const int status = convert_memory(mp3, gain, out, &message);
     // A refusal writes nothing; a stop writes nothing after the refused write.
     if (status != KAVO_OK && status != KAVO_ERROR_STOPPED && out.writes != 0) return 99;
     if (status == KAVO_ERROR_STOPPED && out.writes != stop_after + 1) return 98;
@@ -200,62 +209,52 @@ int memory_call(const std::string& mp3, std::string& message, int stop_after = -
     return std::stoi(reply.substr(0, space));
 }
 
+using Message = std::string;
 const ErrorCase kErrorCases[] = {
     {"NullInputPath", KAVO_ERROR_ARGUMENT, "input path",
-     [](const TempDir& d, std::string& m) { return file_call("", d.file("out.adpcm"), 1.0f, m); }},
+     [](const TempDir& d, Message& m) { return file_call("", d.file("out.adpcm"), 1.0f, m); }},
     {"NotANumberGain", KAVO_ERROR_ARGUMENT, "gain",
-     [](const TempDir& d, std::string& m) {
-         write_file(d.file("in.mp3"), fixture("tone_m1_44k_mono.mp3"));
-         return file_call(d.file("in.mp3"), d.file("out.adpcm"), std::nanf(""), m);
+     [](const TempDir& d, Message& m) {
+         return file_call(input(d, "tone_m1_44k_mono.mp3"), d.file("out.adpcm"), std::nanf(""), m);
      }},
     {"InfiniteGain", KAVO_ERROR_ARGUMENT, "gain",
-     [](const TempDir&, std::string& m) {
-         Collected out;
-         char text[256];
-         const int s = kavo_convert_memory("", 0, std::numeric_limits<float>::infinity(), collect,
-                                           nullptr, &out, text, sizeof text);
-         m = text;
-         return s;
-     }},
+     [](const TempDir&, Message& m) { return memory_call("", m, -1, std::numeric_limits<float>::infinity()); }},
     {"NullWriteFunction", KAVO_ERROR_ARGUMENT, "write function",
-     [](const TempDir&, std::string& m) {
+     [](const TempDir&, Message& m) {
          char text[256];
          const int s = kavo_convert_memory("x", 1, 1.0f, nullptr, nullptr, nullptr, text, sizeof text);
          m = text;
          return s;
      }},
     {"MissingInput", KAVO_ERROR_READ, "missing.mp3",
-     [](const TempDir& d, std::string& m) { return file_call(d.file("missing.mp3"), d.file("out.adpcm"), 1.0f, m); }},
+     [](const TempDir& d, Message& m) { return file_call(d.file("missing.mp3"), d.file("out.adpcm"), 1.0f, m); }},
     {"InputIsADirectory", KAVO_ERROR_READ, "read",
-     [](const TempDir& d, std::string& m) { return file_call(d.path(), d.file("out.adpcm"), 1.0f, m); }},
+     [](const TempDir& d, Message& m) { return file_call(d.path(), d.file("out.adpcm"), 1.0f, m); }},
     {"OutputFolderMissing", KAVO_ERROR_WRITE, "cannot create",
-     [](const TempDir& d, std::string& m) {
-         write_file(d.file("in.mp3"), fixture("tone_m1_44k_mono.mp3"));
-         return file_call(d.file("in.mp3"), d.file("no/out.adpcm"), 1.0f, m);
+     [](const TempDir& d, Message& m) {
+         return file_call(input(d, "tone_m1_44k_mono.mp3"), d.file("no/out.adpcm"), 1.0f, m);
      }},
     {"OutputIsAFolder", KAVO_ERROR_WRITE, "rename",
-     [](const TempDir& d, std::string& m) {
-         write_file(d.file("in.mp3"), fixture("tone_m1_44k_mono.mp3"));
+     [](const TempDir& d, Message& m) {
          fs::create_directory(d.file("out.adpcm"));
          write_file(d.file("out.adpcm/kept"), "kept");
-         return file_call(d.file("in.mp3"), d.file("out.adpcm"), 1.0f, m);
+         return file_call(input(d, "tone_m1_44k_mono.mp3"), d.file("out.adpcm"), 1.0f, m);
      }},
     {"EmptyInput", KAVO_ERROR_FORMAT, "no MPEG audio Layer III frame",
-     [](const TempDir&, std::string& m) { return memory_call(fixture("empty.mp3"), m); }},
+     [](const TempDir&, Message& m) { return memory_call(fixture("empty.mp3"), m); }},
     {"LayerOne", KAVO_ERROR_FORMAT, "Layer I frame at byte 0",
-     [](const TempDir&, std::string& m) { return memory_call(fixture("layer1_m1_48k_mono.mp1"), m); }},
+     [](const TempDir&, Message& m) { return memory_call(fixture("layer1_m1_48k_mono.mp1"), m); }},
     {"LayerTwoAfterLayerThree", KAVO_ERROR_FORMAT, "Layer II frame at byte 1672",
-     [](const TempDir& d, std::string& m) {
-         write_file(d.file("in.mp3"), fixture("corner_layer2_after_layer3.mp3"));
-         return file_call(d.file("in.mp3"), d.file("out.adpcm"), 1.0f, m);
+     [](const TempDir& d, Message& m) {
+         return file_call(input(d, "corner_layer2_after_layer3.mp3"), d.file("out.adpcm"), 1.0f, m);
      }},
     {"WriteAsksToStop", KAVO_ERROR_STOPPED, "stop",
-     [](const TempDir&, std::string& m) { return memory_call(fixture("speech_mono_22k.mp3"), m, 0); }},
+     [](const TempDir&, Message& m) { return memory_call(fixture("speech_mono_22k.mp3"), m, 0); }},
     {"WriteAsksToStopAtTheLastWrite", KAVO_ERROR_STOPPED, "stop",
-     [](const TempDir&, std::string& m) { return memory_call(fixture("speech_mono_22k.mp3"), m, 1); }},
+     [](const TempDir&, Message& m) { return memory_call(fixture("speech_mono_22k.mp3"), m, 1); }},
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     {"AddressSpaceExhausted", KAVO_ERROR_MEMORY, "memory",
-     [](const TempDir&, std::string& m) { return in_child_with_little_memory(fixture("tone_m1_44k_mono.mp3"), m); }},
+     [](const TempDir&, Message& m) { return in_child_with_little_memory(fixture("tone_m1_44k_mono.mp3"), m); }},
 #endif
 };
 

@@ -25,16 +25,13 @@ using namespace kavotest;
 
 namespace {
 
-uint64_t fnv1a(const std::string& bytes) {
+// The length and the 64-bit FNV-1a hash of the bytes.
+std::string digest(const std::string& bytes) {
     uint64_t h = 14695981039346656037ull;
     for (char c : bytes) h = (h ^ static_cast<uint8_t>(c)) * 1099511628211ull;
-    return h;
-}
-
-std::string digest(const std::string& bytes) {
     char text[40];
     std::snprintf(text, sizeof text, "%zu:%016llx", bytes.size(),
-                  static_cast<unsigned long long>(fnv1a(bytes)));
+                  static_cast<unsigned long long>(h));
     return text;
 }
 
@@ -151,15 +148,10 @@ TEST(WholeConversion, PathsNamingTemporaryFilesAreRefusedUntouched) {
 
 namespace {
 
-std::vector<double> s16_samples(const std::string& bytes, size_t offset) {
-    const Samples s = s16(bytes, offset);
-    return {s.begin(), s.end()};
-}
-
 // SNR in dB of out against ref after the best alignment (out delayed by up to max_lag samples
 // either way) and the best gain, so that a delay or a level difference between two tool chains
 // is not counted as noise.
-double aligned_snr(const std::vector<double>& ref, const std::vector<double>& out, int max_lag) {
+double aligned_snr(const Samples& ref, const Samples& out, int max_lag) {
     // With the best gain the SNR is rho^2 / (1 - rho^2) for the correlation rho at that lag.
     double best = 0;
     for (long lag = -max_lag; lag <= max_lag; ++lag) {
@@ -183,7 +175,7 @@ SoundFigures measure_sound(const std::string& name) {
     TempDir dir;
     write_file(dir.file("in.mp3"), read_file(fixture(name)));
     const auto sh = [&](const std::string& cmd) {
-        const auto run = run_sh(cmd, dir.path());
+        const auto run = run_process({"/bin/sh", "-c", cmd}, dir.path());
         EXPECT_EQ(run.exit_code, 0) << cmd << "\n" << run.err;
     };
     const std::string kavo = KAVO_CLI_PATH;
@@ -208,14 +200,12 @@ SoundFigures measure_sound(const std::string& name) {
     for (size_t i = 0; i < 64 && i < quarter_ff.size(); ++i) {
         EXPECT_EQ(quarter_ff[i], 4 * quarter[i]) << name << " sample " << i;
     }
-    const auto ref = s16_samples(read_file(dir.file("ref.raw")), 0);
-    const int lag = 800;  // 0.1 s covers the decoders' and resamplers' different delays
-    SoundFigures f{};
-    f.ours_expand = aligned_snr(ref, s16_samples(read_file(dir.file("ours.wav")), 44), lag);
-    f.ours_ffmpeg = aligned_snr(ref, s16_samples(read_file(dir.file("ours_ff.raw")), 0), lag);
-    f.ours_quarter_ffmpeg =
-        aligned_snr(ref, s16_samples(read_file(dir.file("quarter_ff.raw")), 0), lag);
-    f.ffmpeg_chain = aligned_snr(ref, s16_samples(read_file(dir.file("ff_ff.raw")), 0), lag);
+    const Samples ref = s16(read_file(dir.file("ref.raw")));
+    const auto snr = [&](const char* file, size_t offset) {
+        return aligned_snr(ref, s16(read_file(dir.file(file)), offset), 800);  // 0.1 s of delays
+    };
+    SoundFigures f{snr("ours.wav", 44), snr("ours_ff.raw", 0), snr("quarter_ff.raw", 0),
+                   snr("ff_ff.raw", 0)};
     std::printf(
         "%-28s kavo+expand %6.2f dB  kavo+ffmpeg %6.2f dB  kavo(gain 0.25)+ffmpeg %6.2f dB"
         "  ffmpeg chain %6.2f dB\n",
