@@ -1,6 +1,7 @@
 // The sample-rate converter: the fixed-point engine (table path against the tap-by-tap path,
-// end of input, limits), filter files, the mix and 8 kHz stages on real WAV files (headers,
-// frame counts, progress, tone gain, stopband), the failure exits, and a comparison with sox.
+// end of input, limits), filter files, the mix and 8 kHz stages on WAV files (the mix's
+// rounding, the stopband, the failure exits) and a comparison with sox. (Headers, frame counts
+// and progress of the stages at every rate are pinned by the whole-conversion golden files.)
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -50,13 +51,6 @@ struct StageTest : testing::Test {
     TempDir dir_;
     InDir here_{dir_.path()};
 };
-
-std::vector<int> g_progress;
-int32_t recordProgress(int32_t user, int32_t low, int32_t high, int32_t percent, int32_t one) {
-    EXPECT_EQ(std::vector<int>({user, low, high, one}), std::vector<int>({77, 0, 100, 1}));
-    g_progress.push_back(percent);
-    return 0;
-}
 
 // The engine on files: input samples (interleaved) in, output samples out.
 int runEngine(const Samples& in, int nChans, Samples& out, const std::function<int(int)>& call) {
@@ -207,16 +201,9 @@ TEST(Engine, EndOfInputAndShortInputs) {
     EXPECT_TRUE(out.empty());
     EXPECT_EQ(runEngine(sine(5000, 440, 8000, 8000), 1, out, filtered(1.0, 0)), 0);
     EXPECT_TRUE(out.empty());
-    // Inputs shorter than the first read, and much longer than it: exactly outCount frames.
-    for (int frames : {2, 10, 100, 4000, 20000}) {
-        for (double factor : {1.0, 8000.0 / 44100}) {
-            const int outCount = static_cast<int>(frames * factor + 0.5);
-            EXPECT_EQ(runEngine(sine(size_t(frames), 300, 8000, 8000), 1, out,
-                                filtered(factor, outCount)),
-                      outCount);
-            EXPECT_EQ(out.size(), static_cast<size_t>(outCount)) << frames << " " << factor;
-        }
-    }
+    // An input shorter than the first read: exactly outCount frames.
+    EXPECT_EQ(runEngine(sine(10, 300, 8000, 8000), 1, out, filtered(8000.0 / 44100, 2)), 2);
+    EXPECT_EQ(out.size(), 2u);
 }
 
 TEST(Engine, LimitsOfTheFactorAreErrorsNotOverruns) {
@@ -337,48 +324,6 @@ TEST(FilterFile, ResultCodesAndPartlyReadHeaders) {
 }
 
 // ---------------------------------------------------------------- the stages on WAV files
-
-class StagesAtRate : public StageTest, public testing::WithParamInterface<std::tuple<int, int>> {};
-
-// Headers, frame counts and progress of both stages; what a listener hears: the same tone at
-// about 0.95 of the level (-0.45 dB; a shifted pitch loses level in the single-bin measure).
-TEST_P(StagesAtRate, HeadersFrameCountsProgressAndToneGain) {
-    const auto [rate, channels] = GetParam();
-    const int frames = rate / 2 + 37;
-    write_file("in.wav", wav_bytes(sine(size_t(frames), 1000, rate, 16000, channels), channels,
-                                   static_cast<uint32_t>(rate)));
-
-    g_progress.clear();
-    mix_to_mono("in.wav", "mono.wav", recordProgress, 77);
-    EXPECT_EQ(open_stream_count(), 0);
-    const std::string mono = read_file("mono.wav");
-    EXPECT_EQ(mono.size(), 44u + 2u * uint32_t(frames));
-    EXPECT_EQ(mono.substr(0, 44), wav_header(2u * uint32_t(frames), 1, uint32_t(rate)));
-    ASSERT_EQ(g_progress.size(), static_cast<size_t>(frames));
-    EXPECT_EQ(g_progress.front(), 40);
-    EXPECT_EQ(g_progress.back(), 59);
-    EXPECT_TRUE(std::is_sorted(g_progress.begin(), g_progress.end()));
-
-    g_progress.clear();
-    resample_to_8k("mono.wav", "out.wav", 1, recordProgress, 77);
-    EXPECT_EQ(open_stream_count(), 0);
-    const std::string out = read_file("out.wav");
-    const auto m = static_cast<uint32_t>(std::trunc(frames * (8000.0 / rate) + 0.5));
-    EXPECT_EQ(out.size(), 44u + 2 * m);
-    EXPECT_EQ(out.substr(0, 44), wav_header(2 * m, 1, 8000));
-    ASSERT_FALSE(g_progress.empty());
-    EXPECT_GE(g_progress.front(), 60);
-    EXPECT_EQ(g_progress.back(), 80);
-    EXPECT_TRUE(std::is_sorted(g_progress.begin(), g_progress.end()));
-    EXPECT_EQ(read_file("temp.txt").size(), 400u);
-    const double gain = amplitudeAt(s16(out, 44), 1000, 8000, 200) / 16000.0;
-    EXPECT_NEAR(20 * std::log10(gain), -0.45, 0.1) << gain;
-}
-
-INSTANTIATE_TEST_SUITE_P(MpegRates, StagesAtRate,
-                         testing::Combine(testing::Values(8000, 11025, 12000, 16000, 22050, 24000,
-                                                          32000, 44100, 48000),
-                                          testing::Values(1, 2)));
 
 // The mix averages each frame's two channels toward zero; frames the header promises but the
 // file does not hold are mixed as silence.

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "layer3/layer3_stages.h"
-#include "layer3/layer3_tables.h"
 
 using namespace kavolib;
 
@@ -143,39 +142,6 @@ TEST(Synthesis, FastMatrixingAndWindowingMatchTheDirectFormula) {
         direct.slot(S, expected);
         for (int j = 0; j < 32; ++j) {
             ASSERT_NEAR(out[j], static_cast<double>(expected[j]), 1e-12) << "slot " << t << " j " << j;
-        }
-    }
-}
-
-// The windowing written plainly, output by output, from the history the slot left: the sum
-// over i = 0..7 of P_2i(j) D[64i + j] + Q_2i+1(j) D[64i + 32 + j] with halved coefficients,
-// doubled at the end. The fast path must give the same doubles, bit for bit.
-TEST(Synthesis, WindowingEqualsThePlainSumExactly) {
-    auto half_d = [](int i) -> double {
-        if (i == 0) return 0.0;
-        if (i <= 256) return SynthesisWindow[i - 1];
-        const int k = 512 - i;
-        return k % 64 == 0 ? SynthesisWindow[k - 1] : -SynthesisWindow[k - 1];
-    };
-    double history[512] = {};
-    std::mt19937 rng(9);
-    std::uniform_real_distribution<double> dist(-1.0, 1.0);
-    for (int t = 0; t < 100; ++t) {
-        double S[32];
-        for (double& v : S) v = dist(rng);
-        double out[32];
-        synthesize_slot(S, history, out);
-        for (int j = 0; j < 32; ++j) {
-            double sum = 0.0;
-            for (int i = 0; i < 8; ++i) {
-                const double* hp = history + 32 * (2 * i);
-                const double* hq = history + 32 * (2 * i + 1);
-                const double p = j < 16 ? -hp[15 - j] : (j == 16 ? 0.0 : hp[j - 17]);
-                const double q = j < 16 ? hq[15 + j] : hq[47 - j];
-                sum += p * half_d(64 * i + j);
-                sum += q * half_d(64 * i + 32 + j);
-            }
-            ASSERT_EQ(out[j], 2.0 * sum) << "slot " << t << " j " << j;
         }
     }
 }
