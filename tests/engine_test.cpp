@@ -65,6 +65,14 @@ std::vector<std::string> all_inputs() {
     return inputs;
 }
 
+int file_call(const std::string& in, const std::string& out, float gain, std::string& message) {
+    char text[256] = "unset";
+    const int status = kavo_convert_file(in.empty() ? nullptr : in.c_str(), out.c_str(), gain,
+                                         nullptr, nullptr, text, sizeof text);
+    message = text;
+    return status;
+}
+
 class SameAsKavo : public testing::TestWithParam<std::string> {};
 
 TEST_P(SameAsKavo, EngineGivesKavosBytesOrRefusesWhatKavoDiesOn) {
@@ -98,7 +106,6 @@ TEST_P(SameAsKavo, EngineGivesKavosBytesOrRefusesWhatKavoDiesOn) {
         ASSERT_NE(host.out.find("status 1 "), std::string::npos) << host.out;
         ASSERT_EQ(status, KAVO_OK) << message;
         EXPECT_EQ(message, "");
-        ASSERT_EQ(engine.bytes.size(), read_file(dir.file("out.adpcm")).size());
         EXPECT_TRUE(engine.bytes == read_file(dir.file("out.adpcm")));
         EXPECT_EQ(engine.bytes.size() % 80, 0u);
         // Progress: from 0, rising, ending with 100.
@@ -109,12 +116,10 @@ TEST_P(SameAsKavo, EngineGivesKavosBytesOrRefusesWhatKavoDiesOn) {
     }
     // The file form writes the same bytes.
     Collected memory;
+    std::string message;
     const int memory_status = convert_memory(mp3, 1.0f, memory);
-    const int file_status = kavo_convert_file(dir.file("in.mp3").c_str(),
-                                              dir.file("engine.adpcm").c_str(), 1.0f, nullptr,
-                                              nullptr, nullptr, 0);
-    EXPECT_EQ(file_status, memory_status);
-    if (file_status == KAVO_OK) {
+    EXPECT_EQ(file_call(dir.file("in.mp3"), dir.file("engine.adpcm"), 1.0f, message), memory_status);
+    if (memory_status == KAVO_OK) {
         EXPECT_TRUE(read_file(dir.file("engine.adpcm")) == memory.bytes);
     }
 }
@@ -144,14 +149,6 @@ std::string fixture(const char* name) { return read_file(kavotest::fixture(name)
 std::string input(const TempDir& dir, const char* name) {
     write_file(dir.file("in.mp3"), fixture(name));
     return dir.file("in.mp3");
-}
-
-int file_call(const std::string& in, const std::string& out, float gain, std::string& message) {
-    char text[256] = "unset";
-    const int status = kavo_convert_file(in.empty() ? nullptr : in.c_str(), out.c_str(), gain,
-                                         nullptr, nullptr, text, sizeof text);
-    message = text;
-    return status;
 }
 
 // The memory form on the fixture (or mp3 itself), stopped by the write after stop_after writes.

@@ -1,8 +1,8 @@
-// The frame layer: the bit reader and CRC over the circular buffer, header decoding (every
-// version, layer, bitrate and rate against an independent frame-length rule), frame
-// synchronisation at truncation and corruption, the header lines' rarer texts, the codec
-// command dispatcher, and the input read in runs against one read per byte. (Garbage, tags,
-// free format and the printed header lines of real files are covered by the fixtures and the
+// The frame layer: the CRC over the circular buffer, header decoding (every version, layer,
+// bitrate and rate against an independent frame-length rule), frame synchronisation at
+// truncation and corruption, the header lines' rarer texts, the codec command dispatcher, and
+// the input read in runs against one read per byte. (The bit reader, garbage, tags, free
+// format and the printed header lines of real files are covered by the fixtures and the
 // conformance streams.)
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -26,17 +26,6 @@ using namespace kavolib;
 using kavotest::TempDir;
 
 namespace {
-
-// A plain reference: bit k of the circular buffer, counted from the MSB of byte 0.
-uint32_t reference_bits(const uint8_t* bytes, int32_t byte_index, int32_t bit_offset, int n) {
-    uint32_t value = 0;
-    for (int i = 0; i < n; ++i) {
-        const int64_t bit = int64_t{byte_index} * 8 + bit_offset + i;
-        const auto byte = static_cast<size_t>((bit / 8) % kStreamBufferSize);
-        value = (value << 1) | ((bytes[byte] >> (7 - bit % 8)) & 1u);
-    }
-    return value;
-}
 
 uint32_t reference_crc(uint32_t reg, const uint8_t* data, size_t count) {
     for (size_t i = 0; i < count; ++i) {
@@ -70,35 +59,6 @@ CodecResult check_header(const std::vector<uint8_t>& bytes, int32_t free_length 
 }
 
 }  // namespace
-
-// Reads of every width at every offset across the wrap match a plain bit walk, and peeks do not
-// move; long moves both ways land where the bit arithmetic says.
-TEST(BitReader, ReadsAndMovesMatchAPlainBitWalkAcrossTheWrap) {
-    Fixture f;
-    const auto expect_at = [&](int64_t bit) {
-        EXPECT_EQ(f.reader.cursor.bit_offset, bit % 8);
-        EXPECT_EQ(f.reader.cursor.byte_index, (bit / 8) % kStreamBufferSize);
-    };
-    for (int32_t index : {0, 1, 1000, 1915, 1916, 1917, 1918, 1919}) {
-        for (int32_t offset = 0; offset < 8; ++offset) {
-            for (int n = 1; n <= 24; ++n) {
-                f.reader.cursor = BitPosition{f.buffer->bytes, offset, index};
-                const uint32_t expected = reference_bits(f.buffer->bytes, index, offset, n);
-                ASSERT_EQ(bitunp_peek(f.reader, n), expected) << index << "/" << offset << " n=" << n;
-                ASSERT_EQ(f.reader.cursor.byte_index, index) << "peek moved the cursor";
-                ASSERT_EQ(bitunp_rj(f.reader, n), expected) << index << "/" << offset << " n=" << n;
-                expect_at(int64_t{index} * 8 + offset + n);
-            }
-        }
-    }
-    for (int n : {0, 7, 8, 9, 4095, 15360, 15361, 40000}) {
-        f.reader.cursor = BitPosition{f.buffer->bytes, 6, 100};
-        bitunp_skip(f.reader, n);
-        expect_at(100 * 8 + 6 + int64_t{n});
-        bitunp_back(f.reader, n);
-        expect_at(100 * 8 + 6);
-    }
-}
 
 TEST(Crc16, TableAndRegisterFollowTheGeneratorBitByBit) {
     for (uint32_t i = 0; i < 256; ++i) {
