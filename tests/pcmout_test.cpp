@@ -156,9 +156,9 @@ TEST(DecodeStatistics, FramesTimeAndSpeed) {
         // 2 x 1000 x 576 / 44100 = 26.1 s of audio, truncated to 26.
         {1000, 2, 44100, 52, "  1000 frames processed\n\nDecoding time=00:52, Speedup=2.000000\n"},
         {100, 1, 8000, 3725, "  100 frames processed\n\nDecoding time=02:05, Speedup=532.142857\n"},
-        // Less than a second of audio: the tiny constant keeps the division finite.
+        // Less than a second of audio: the tiny constant keeps the division finite; nothing
+        // ever delivered (rate 0): no audio, the speed figure is 0.
         {1, 1, 8000, 5, "  1 frames processed\n\nDecoding time=00:05, Speedup=5000000000000.000000\n"},
-        // Nothing ever delivered (rate 0): no audio, the speed figure is 0.
         {0, 0, 0, 5, "  0 frames processed\n\nDecoding time=00:05, Speedup=0.000000\n"},
     };
     for (const auto& c : cases) {
