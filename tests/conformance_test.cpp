@@ -77,16 +77,11 @@ TEST_P(Conformance, DecodePhaseAgainstReference) {
     const ConformanceCase& c = GetParam();
     const std::string base = kavotest::conformance(c.file);
     const std::vector<int16_t> ours = decoded(base + ".bit");
-    if (c.check == Check::decodes) {
-        if (c.expected_values >= 0) {
-            EXPECT_EQ(static_cast<long>(ours.size()), c.expected_values);
-        }
-        return;
-    }
-    const std::vector<int16_t> ref = kavotest::s16(kavotest::read_file(base + ".pcm"));
     if (c.expected_values >= 0) {
         EXPECT_EQ(static_cast<long>(ours.size()), c.expected_values);
     }
+    if (c.check == Check::decodes) return;
+    const std::vector<int16_t> ref = kavotest::s16(kavotest::read_file(base + ".pcm"));
 
     for (long v = 0; v < c.silent_values && v < static_cast<long>(ours.size()); ++v) {
         ASSERT_EQ(ours[static_cast<size_t>(v)], 0)
@@ -122,12 +117,8 @@ TEST_P(Conformance, DecodePhaseAgainstReference) {
     const double psnr = mse > 0 ? 10.0 * std::log10(32767.0 * 32767.0 / mse) : INFINITY;
     std::printf("%-44s values %8ld compared %8ld  max |diff| %5d  over 1 LSB %7ld  PSNR %7.2f dB\n",
                 c.file, static_cast<long>(ours.size()), compared, max_diff, over_one, psnr);
-    RecordProperty("max_abs_diff", max_diff);
-    RecordProperty("psnr_db", std::to_string(psnr));
     if (c.check == Check::within_one_lsb) {
-        if (!ref.empty()) {
-            EXPECT_GT(compared, 0) << "nothing was compared";
-        }
+        EXPECT_TRUE(compared > 0 || ref.empty()) << "nothing was compared";
         EXPECT_LE(max_diff, 1) << c.why;
     }
     if (c.check == Check::unverified) {

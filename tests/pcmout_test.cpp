@@ -1,6 +1,5 @@
-// The decoded-PCM file: sample conversion at its edges, the choice of form by name, the
-// bytes of each form and of the WAV header (read back by sox), the statistics lines, and the
-// fatal conditions of opening the files.
+// The decoded-PCM file: sample conversion at its edges, the choice of form by name, the WAV
+// header and the text form, the statistics lines, and the fatal conditions of opening the files.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -103,32 +102,18 @@ std::string write_through(const TempDir& dir, const std::string& name,
 
 }  // namespace
 
-// A stereo granule, then a mono one, as WAV: interleaved samples, and a header describing the
-// last frame (one channel) that sox reads; the same granule as raw samples and as text.
-TEST(DecodedFile, WavRawAndTextForms) {
+// A stereo granule, then a mono one, as WAV: the samples follow a header describing the last
+// frame (one channel). The text form: 24-bit two's complement in hex, channels interleaved.
+// (The samples of the raw and WAV forms are the decode phase's output, compared with the
+// conformance references.)
+TEST(DecodedFile, WavHeaderAndTextForm) {
     TempDir dir;
-    std::vector<double> stereo(1152), mono(1152);
-    for (size_t i = 0; i < 1152; ++i) {
-        stereo[i] = -1.2 + 2.4 * static_cast<double>(i) / 1151.0;
-        mono[i] = 0.3 - 0.6 * static_cast<double>(i) / 1151.0;
-    }
     std::string statistics;
-    const kavotest::Samples wav =
-        kavotest::s16(write_through(dir, "out.wav", {{stereo, 2}, {mono, 1}}, 22050, &statistics));
-    ASSERT_EQ(wav.size(), 22u + 1152u + 576u);
-    EXPECT_EQ(kavotest::pcm_bytes({wav.begin(), wav.begin() + 22}),
-              kavotest::wav_header(2304 + 1152, 1, 22050));
-    for (size_t i = 0; i < 576; ++i) {
-        ASSERT_EQ(wav[22 + 2 * i], pcm_sample16(stereo[i])) << i;
-        ASSERT_EQ(wav[23 + 2 * i], pcm_sample16(stereo[576 + i])) << i;
-        ASSERT_EQ(wav[22 + 1152 + i], pcm_sample16(mono[i])) << i;
-    }
-    EXPECT_EQ(wav[22], -32768);
-    EXPECT_EQ(wav[23 + 2 * 575], 32767);
-    const auto soxi = kavotest::run_process({"/usr/bin/soxi", dir.file("out.wav")});
-    for (const char* line : {"Channels       : 1", "Sample Rate    : 22050", "1728 samples"}) {
-        EXPECT_NE(soxi.out.find(line), std::string::npos) << soxi.out;
-    }
+    const std::vector<double> granule(1152, 0.25);
+    const std::string wav = write_through(dir, "out.wav", {{granule, 2}, {granule, 1}}, 22050, &statistics);
+    ASSERT_EQ(wav.size(), 44u + 2304u + 1152u);
+    EXPECT_EQ(wav.substr(0, 44), kavotest::wav_header(2304 + 1152, 1, 22050));
+    EXPECT_EQ(kavotest::s16(wav, 44), kavotest::Samples(1152 + 576, 8192));
     EXPECT_EQ(statistics.substr(0, 20), "  7 frames processed");
 
     std::vector<double> pcm(1152, 0.0);
@@ -136,11 +121,6 @@ TEST(DecodedFile, WavRawAndTextForms) {
     pcm[576] = -1.0;
     pcm[1] = -1.0 / 8388608;
     pcm[577] = 0.25;
-    kavotest::Samples raw(1152, 0);
-    raw[0] = 32767;
-    raw[1] = -32768;
-    raw[3] = 8192;
-    EXPECT_EQ(kavotest::s16(write_through(dir, "out.pcm", {{pcm, 2}}, 44100)), raw);
     const std::string text = write_through(dir, "out.txt", {{pcm, 2}}, 44100);
     ASSERT_EQ(text.size(), 1152u * 7u);
     EXPECT_EQ(text.substr(0, 35), "7fffff\n800000\nffffff\n200000\n000000\n");
