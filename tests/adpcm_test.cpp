@@ -250,34 +250,27 @@ TEST(AdpcmCoder, CoderBlocksAndDecoderFollowTheStepsInTheirWrittenOrder) {
 
 // ---- gain ----
 
+// Each product truncated toward zero, its low 16 bits kept; nothing beyond count, nothing for
+// a count that is not positive.
 TEST(ApplyGain, TruncatesTowardZeroAndWrapsInSixteenBits) {
     const auto low16 = [](int64_t v) { return static_cast<int16_t>(static_cast<uint16_t>(v & 0xFFFF)); };
-    struct Case {
-        int16_t in;
-        float gain;
-        int16_t out;
-    };
-    const Case cases[] = {
+    const std::tuple<int16_t, float, int16_t> cases[] = {
         {1000, 1.0f, 1000}, {-1001, 0.5f, -500}, {1001, 0.5f, 500}, {30000, 2.0f, -5536},
         {-30000, 2.0f, 5536}, {-32768, -1.0f, -32768}, {32767, 3.0f, low16(98301)},
         {100, 1e9f, low16(100 * static_cast<int64_t>(1e9f))},
         {-7, 3e11f, low16(-7 * static_cast<int64_t>(3e11f))},
         {-7, 1e12f, 0},  // the float nearest 1e12 is a multiple of 65536
         {3, 1e30f, 0},   // an integer of 2^99 and more has no low bits set
-        {5, std::numeric_limits<float>::infinity(), 0}, {5, std::nanf(""), 0},
-    };
-    for (const Case& c : cases) {
-        int16_t buf[3] = {c.in, c.in, 77};
-        apply_gain(buf, 2, c.gain);
-        EXPECT_EQ(buf[0], c.out) << c.in << " x " << c.gain;
-        EXPECT_EQ(buf[1], c.out);
-        EXPECT_EQ(buf[2], 77) << "beyond count";
+        {5, std::numeric_limits<float>::infinity(), 0}, {5, std::nanf(""), 0}};
+    for (const auto& [in, gain, out] : cases) {
+        int16_t buf[3] = {in, in, 77};
+        apply_gain(buf, 2, gain);
+        EXPECT_EQ(std::vector<int16_t>(buf, buf + 3), std::vector<int16_t>({out, out, 77})) << in << " x " << gain;
     }
     int16_t untouched[2] = {1234, -1234};
     apply_gain(untouched, 0, 2.0f);
     apply_gain(untouched, -5, 2.0f);
-    EXPECT_EQ(untouched[0], 1234);
-    EXPECT_EQ(untouched[1], -1234);
+    EXPECT_EQ(std::vector<int16_t>(untouched, untouched + 2), std::vector<int16_t>({1234, -1234}));
 }
 
 // ---- output stage ----

@@ -52,30 +52,25 @@ TEST(Cli, UsageErrorsExitWithTwoAndTouchNothing) {
     write_file(dir.file("a.mp3"), fixture("tone_m1_44k_mono.mp3"));
     std::filesystem::create_directory(dir.file("sub"));
     write_file(dir.file("sub/a.mp3"), fixture("tone_m1_44k_mono.mp3"));
-    const struct {
-        Names args;
-        const char* says;  // part of standard error ("" where CLI11 words it)
-    } cases[] = {
+    // The arguments and a part of standard error ("" where CLI11 words it).
+    const std::pair<Names, const char*> cases[] = {
         {{}, ""},
         {{"frobnicate"}, ""},
         {{"convert", "a.mp3"}, "kavo: an output is needed"},
-        {{"convert", "a.mp3", "sub/a.mp3", "b.adpcm"},
-         "kavo: several inputs need an output directory"},
+        {{"convert", "a.mp3", "sub/a.mp3", "b.adpcm"}, "kavo: several inputs need an output directory"},
         {{"convert", "a.mp3", "out.adpcm", "--gain", "loud"}, ""},
-        {{"convert", "a.mp3", "out.adpcm", "--gain", "nan"},
-         "kavo: the gain must be a finite number"},
+        {{"convert", "a.mp3", "out.adpcm", "--gain", "nan"}, "kavo: the gain must be a finite number"},
         {{"convert", "a.mp3", "-o", "out", "-j", "0"}, ""},
         {{"convert", "-q", "-v", "a.mp3", "out.adpcm"}, ""},
         {{"convert", "-", "-o", "out"}, "kavo: standard input has no name"},
         {{"convert", "a.mp3", "sub/a.mp3", "-o", "out"},
-         "kavo: 'a.mp3' and 'sub/a.mp3' would both be written to 'out/a.adpcm'; nothing was "
-         "converted"},
+         "kavo: 'a.mp3' and 'sub/a.mp3' would both be written to 'out/a.adpcm'; nothing was converted"},
         {{"convert", "a.mp3", "sub"}, "kavo: 'sub' is a directory (to convert into it: -o sub)"},
     };
-    for (const auto& c : cases) {
-        const auto run = run_kavo(c.args, dir.path());
-        EXPECT_EQ(run.exit_code, 2) << c.says;
-        EXPECT_TRUE(has(run.err, c.says)) << run.err;
+    for (const auto& [args, says] : cases) {
+        const auto run = run_kavo(args, dir.path());
+        EXPECT_EQ(run.exit_code, 2) << says;
+        EXPECT_TRUE(has(run.err, says)) << run.err;
         EXPECT_EQ(dir.entries(), (Names{"a.mp3", "sub"}));
     }
 }
@@ -232,15 +227,12 @@ TEST(CliConvert, WavPromptsEqualTheStagesInARow) {
         ASSERT_EQ(quiet("decode", "in.mp3", name), 0) << mp3;
         wavs.push_back(name);
     }
-    const struct {
-        const char* name;
-        int rate, channels, frames;
-    } made[] = {{"short_44k_stereo.wav", 44100, 2, 1000},
-                {"short_11k.wav", 11025, 1, 300},
-                {"one_frame.wav", 16000, 1, 1}};
-    for (const auto& m : made) {
-        write_file(dir.file(m.name), make_wav(m.rate, m.channels, m.frames));
-        wavs.push_back(m.name);
+    // Made ones: short, and too short to resample.
+    for (const auto& [name, rate, channels, frames] :
+         {std::tuple{"short_44k_stereo.wav", 44100, 2, 1000}, std::tuple{"short_11k.wav", 11025, 1, 300},
+          std::tuple{"one_frame.wav", 16000, 1, 1}}) {
+        write_file(dir.file(name), make_wav(rate, channels, frames));
+        wavs.push_back(name);
     }
     for (const std::string& wav : wavs) {
         const int direct = quiet("convert", wav, "direct.adpcm");

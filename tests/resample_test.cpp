@@ -1,7 +1,7 @@
 // The sample-rate converter: the fixed-point engine (table path against the tap-by-tap path,
 // end of input, limits), filter files, the mix and 8 kHz stages on WAV files (the mix's
-// rounding, the stopband, the failure exits) and a comparison with sox. (Headers, frame counts
-// and progress of the stages at every rate are pinned by the whole-conversion golden files.)
+// rounding, the failure exits) and a comparison with sox. (Headers, frame counts, progress
+// and the output of the stages at every rate are pinned by the whole-conversion golden files.)
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -38,12 +38,6 @@ double amplitudeAt(const Samples& x, double freq, double rate, size_t skip) {
         im += x[skip + i] * std::sin(w);
     }
     return 2 * std::hypot(re, im) / static_cast<double>(n);
-}
-
-double rms(const Samples& x, size_t skip) {
-    double sum = 0;
-    for (size_t i = skip; i + skip < x.size(); ++i) sum += static_cast<double>(x[i]) * x[i];
-    return std::sqrt(sum / static_cast<double>(x.size() - 2 * skip));
 }
 
 // Runs the stages with the process inside a fresh directory ("temp.txt" is written there).
@@ -321,18 +315,6 @@ TEST_F(StageTest, StereoIsAveragedTowardZeroAndMissingFramesAreSilence) {
     mix_to_mono("in.wav", "mono.wav", nullptr, 0);
     EXPECT_EQ(read_file("mono.wav"),
               wav_bytes({32767, -32767, -1, 1, 0, -32768, 0, 0}, 1, 44100));
-}
-
-// Tones at and above the 8 kHz output's Nyquist frequency must not alias into it.
-TEST_F(StageTest, StopbandAt44100IsRejected) {
-    for (double freq : {4100.0, 4500.0, 6000.0}) {
-        const Samples in = sine(44100, freq, 44100, 16000);
-        write_file("in.wav", wav_bytes(in, 1, 44100));
-        resample_to_8k("in.wav", "out.wav", 1, nullptr, 0);
-        const double rejection = 20 * std::log10(rms(s16(read_file("out.wav"), 44), 200) / rms(in, 1000));
-        EXPECT_LT(rejection, -60.0) << freq << " Hz: " << rejection << " dB";
-        std::printf("stopband %.0f Hz: %.1f dB\n", freq, rejection);
-    }
 }
 
 TEST_F(StageTest, AgreesWithSoxOnAMixOfTones) {
