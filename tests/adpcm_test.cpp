@@ -72,12 +72,8 @@ struct PlainCoder {
     int64_t yl = 34816, yu = 544, ap = 0, dms = 0, dml = 0, a1 = 0, a2 = 0, td = 0;
     int64_t b[7] = {}, dq[7] = {}, sr1 = 0, sr2 = 0, pk1 = 0, pk2 = 0;
 
-    static int64_t w16(int64_t v) {
-        return static_cast<int16_t>(static_cast<uint16_t>(v & 0xFFFF));
-    }
-    static int64_t w32(int64_t v) {
-        return static_cast<int32_t>(static_cast<uint32_t>(v & 0xFFFFFFFF));
-    }
+    static int64_t w16(int64_t v) { return static_cast<int16_t>(static_cast<uint16_t>(v & 0xFFFF)); }
+    static int64_t w32(int64_t v) { return static_cast<int32_t>(static_cast<uint32_t>(v & 0xFFFFFFFF)); }
     static int64_t lim(int64_t v, int64_t lo, int64_t hi) { return v < lo ? lo : v > hi ? hi : v; }
 
     struct Estimate {
@@ -103,14 +99,9 @@ struct PlainCoder {
         if (m == 0) e = 0;
         const int64_t mant = ((w16(m) * 128) >> e) & 127;
         const int64_t dln = w16(e * 128 + mant - (y >> 2));
-        int I = dln < -124  ? 15
-                : dln < 80  ? 1
-                : dln < 178 ? 2
-                : dln < 246 ? 3
-                : dln < 300 ? 4
-                : dln < 349 ? 5
-                : dln < 400 ? 6
-                            : 7;
+        // The decision levels: below -124 code 15, then codes 1 to 7 from 80, 178, ... 400 up.
+        int I = dln < -124 ? 15 : 1;
+        for (const int64_t level : {80, 178, 246, 300, 349, 400}) I += (I != 15 && dln >= level) ? 1 : 0;
         if (d < 0 && I != 15) I = 15 - I;
         adapt(I, {sez, se, y});
         return I;

@@ -42,8 +42,7 @@ std::string library_output(const std::string& mp3, const std::string& gain) {
 
 // A canonical 16-bit WAV of the given frames (a tone in every channel).
 std::string make_wav(int rate, int channels, int frames) {
-    return kavotest::wav_bytes(kavotest::sine(size_t(frames), 700, rate, 9000, channels), channels,
-                               uint32_t(rate));
+    return kavotest::wav_bytes(kavotest::sine(size_t(frames), 700, rate, 9000, channels), channels, uint32_t(rate));
 }
 
 // Every usage error exits with 2 before anything is written or made.

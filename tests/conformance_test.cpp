@@ -23,13 +23,11 @@ using kavotest::TempDir;
 
 namespace {
 
-enum class Check {
-    within_one_lsb,  // every compared value within 1 LSB of the reference
-    unverified,      // the reference is not trusted (independent decoders disagree with it and
-                     // with one another by thousands of LSB): every frame must be decoded and
-                     // the difference stay within that spread
-    decodes,         // malformed input without a usable reference: must decode without fault
-};
+// within_one_lsb: every compared value within 1 LSB of the reference; unverified: the
+// reference is not trusted (independent decoders disagree with it and with one another by
+// thousands of LSB), every frame must be decoded and the difference stay within that spread;
+// decodes: malformed input without a usable reference, which must decode without fault.
+enum class Check { within_one_lsb, unverified, decodes };
 
 struct ConformanceCase {
     const char* name;  // test name
@@ -42,10 +40,6 @@ struct ConformanceCase {
     long expected_values;             // length of our output in values; -1: the reference's length
     const char* why;
 };
-
-void PrintTo(const ConformanceCase& c, std::ostream* os) {
-    *os << c.file;
-}
 
 // The decode phase (kavo decode to raw PCM) of the bitstream at path.
 std::vector<int16_t> decoded(const std::string& path) {

@@ -48,15 +48,14 @@ int convert_memory(const std::string& mp3, float gain, Collected& out, std::stri
     return status;
 }
 
+// Every fixture (Layer I, II and III) and every conformance bitstream.
 std::vector<std::string> all_inputs() {
     std::vector<std::string> inputs;
-    for (const auto& entry : fs::directory_iterator(KAVO_FIXTURES_DIR)) {
-        const std::string ext = entry.path().extension().string();
-        if (ext == ".mp3" || ext == ".mp2" || ext == ".mp1") inputs.push_back(entry.path().string());
+    for (const auto& entry : fs::recursive_directory_iterator(KAVO_SHARED_DIR "/conformance")) {
+        if (entry.path().extension() == ".bit") inputs.push_back(entry.path());
     }
-    for (const auto& entry :
-         fs::recursive_directory_iterator(std::string(KAVO_SHARED_DIR) + "/conformance")) {
-        if (entry.path().extension() == ".bit") inputs.push_back(entry.path().string());
+    for (const auto& entry : fs::directory_iterator(KAVO_FIXTURES_DIR)) {
+        if (entry.path().extension().string().starts_with(".mp")) inputs.push_back(entry.path());
     }
     std::sort(inputs.begin(), inputs.end());
     return inputs;

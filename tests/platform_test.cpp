@@ -1,6 +1,6 @@
 // The platform layer: the stream registry behind "close every open stream" (its limit and the
-// reuse of its slots), file lengths of unflushed streams, and the process's end. (Writes and
-// removals by name are pinned by the whole-conversion golden files.)
+// reuse of its slots). (File lengths, the process's end, writes and removals by name are
+// pinned by the whole-conversion golden files.)
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -37,26 +37,4 @@ TEST(StreamRegistry, CloseAllClosesEveryOpenStreamUpToTheLimitAndOnlyThose) {
         EXPECT_FALSE(std::filesystem::exists(dir.file("one-too-many")));
         EXPECT_EQ(close_all_streams(), kMaxStreams);
     }
-}
-
-TEST(FileLength, CountsUnflushedBytesAndIgnoresThePosition) {
-    TempDir dir;
-    FILE* f = open_stream(dir.file("x").c_str(), "w+b");
-    ASSERT_NE(f, nullptr);
-    EXPECT_EQ(file_length(f), 0);
-    std::fwrite("0123456789", 1, 10, f);
-    std::fseek(f, 3, SEEK_SET);
-    EXPECT_EQ(file_length(f), 10);
-    EXPECT_EQ(std::ftell(f), 3);
-    close_stream(f);
-    EXPECT_EQ(file_length(nullptr), -1);
-}
-
-TEST(EndProcess, FlushesAndExitsWithTheCode) {
-    EXPECT_EXIT(
-        {
-            std::fputs("pending", stderr);
-            end_process(3);
-        },
-        testing::ExitedWithCode(3), "pending");
 }

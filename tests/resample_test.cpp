@@ -58,18 +58,16 @@ int runEngine(const Samples& in, int nChans, Samples& out, const std::function<i
     return result;
 }
 
+// Loud square-ish bursts (clipping after the filter), noise and silence.
 Samples noisyTestSignal(int frames, int channels, unsigned seed) {
-    // Loud square-ish bursts (clipping after the filter), noise and silence.
     std::mt19937 rng(seed);
     std::uniform_int_distribution<int> any(-32768, 32767);
     Samples x;
     for (int n = 0; n < frames; ++n) {
         for (int c = 0; c < channels; ++c) {
-            int16_t v;
-            if (n % 3000 < 1000) v = ((n / 50 + c) % 2) != 0 ? 32767 : -32768;
-            else if (n % 3000 < 2000) v = static_cast<int16_t>(any(rng));
-            else v = 0;
-            x.push_back(v);
+            const int part = n % 3000 / 1000;
+            x.push_back(static_cast<int16_t>(part == 0 ? ((n / 50 + c) % 2 != 0 ? 32767 : -32768)
+                                                      : part == 1 ? any(rng) : 0));
         }
     }
     return x;

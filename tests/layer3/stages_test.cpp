@@ -2,6 +2,7 @@
 // cases the conformance streams reach rarely or never), and the fatal paths of the decoder.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -17,15 +18,13 @@ using namespace kavolib;
 
 namespace {
 
-// Writes bits most significant first into a stream buffer from a given byte index.
+// Writes bits most significant first into a stream buffer from its first byte.
 struct BitWriter {
     StreamBuffer stream{};
-    int32_t start;
     int64_t bit = 0;
-    explicit BitWriter(int32_t first_byte = 0) : start(first_byte) {}
     void put(uint32_t value, int n) {
         for (int i = n - 1; i >= 0; --i) {
-            const auto index = static_cast<size_t>((start + bit / 8) % kStreamBufferSize);
+            const auto index = static_cast<size_t>(bit / 8);
             const int shift = 7 - static_cast<int>(bit % 8);
             stream.bytes[index] = static_cast<uint8_t>((stream.bytes[index] & ~(1 << shift)) |
                                                        (((value >> i) & 1u) << shift));
@@ -35,12 +34,10 @@ struct BitWriter {
     void put_code(const char* bits) {
         for (const char* p = bits; *p != 0; ++p) put(*p == '1' ? 1u : 0u, 1);
     }
-    BitReader reader() { return BitReader{BitPosition{stream.bytes, 0, start}, 0}; }
+    BitReader reader() { return BitReader{BitPosition{stream.bytes, 0, 0}, 0}; }
 };
 
-int64_t bits_moved(const BitReader& r, int32_t start) {
-    return ((r.cursor.byte_index - start + kStreamBufferSize) % kStreamBufferSize) * 8 + r.cursor.bit_offset;
-}
+int64_t bits_moved(const BitReader& r) { return r.cursor.byte_index * 8 + r.cursor.bit_offset; }
 
 std::unique_ptr<Layer3State> fresh_state(int row = 0, int rate = 0) {
     auto state = std::make_unique<Layer3State>();
@@ -98,7 +95,7 @@ TEST_P(LsfScaleFactors, ReadThePartitionsOfTheRow) {
     }
     BitReader r = w.reader();
     read_scale_factors(*state, r, header_of(kVersionMpeg2, 1, c.mode_ext), 0, 1);
-    EXPECT_EQ(bits_moved(r, 0), w.bit);
+    EXPECT_EQ(bits_moved(r), w.bit);
     EXPECT_EQ(g.preflag, 0u);
     const ScaleFactors& sf = state->scale_factors;
     EXPECT_EQ(sf.intensity_scale, c.scalefac_compress & 1);
@@ -155,7 +152,7 @@ TEST(Huffman, OutOfFormatCountsStayInsideTheSpectrum) {
     bitunp_skip(r, 10);  // the "scale factors" used 10 bits
     state->part2_start = w.reader().cursor;
     huffman_decode(*state, r, 0, 0);
-    EXPECT_EQ(bits_moved(r, 0), 0);
+    EXPECT_EQ(bits_moved(r), 0);
     for (int i = 0; i < 576; ++i) ASSERT_EQ(state->spectrum[i], 0.0);
 }
 
@@ -218,16 +215,16 @@ TEST(Stereo, Mpeg1PositionsAboveSixAreNotIntensityCoded) {
 }
 
 TEST(Stereo, Mpeg2IntensityPositions) {
+    const auto intensity = [](StereoFixture& f, std::vector<uint32_t> positions, uint32_t scale) {
+        f.state->is_stereo = 1;
+        f.state->long_bounds = kLongBandBounds[1][0];  // bands of 6 lines
+        f.state->intensity_bound[0] = 0;
+        std::copy(positions.begin(), positions.end(), f.state->scale_factors.l[1]);
+        f.state->scale_factors.intensity_scale = scale;
+        stereo_process(*f.state, header_of(kVersionMpeg2, 1, 1), 0, f.left, f.right);
+    };
     StereoFixture f;
-    f.state->is_stereo = 1;
-    f.state->long_bounds = kLongBandBounds[1][0];
-    f.state->intensity_bound[0] = 0;
-    f.state->scale_factors.l[1][0] = 0;  // lines 0..5
-    f.state->scale_factors.l[1][1] = 1;  // lines 6..11
-    f.state->scale_factors.l[1][2] = 2;  // lines 12..17
-    f.state->scale_factors.l[1][3] = 7;  // lines 18..23: the marker, untouched
-    f.state->scale_factors.intensity_scale = 0;
-    stereo_process(*f.state, header_of(kVersionMpeg2, 1, 1), 0, f.left, f.right);
+    intensity(f, {0, 1, 2, 7}, 0);  // 7 in the fourth band: the marker, untouched
     EXPECT_EQ(f.left[0], 1.0);
     EXPECT_EQ(f.right[0], 1.0);
     EXPECT_EQ(f.left[6], 7.0 * 0.8408964152537146);
@@ -235,16 +232,11 @@ TEST(Stereo, Mpeg2IntensityPositions) {
     EXPECT_EQ(f.left[12], 13.0);
     EXPECT_EQ(f.right[12], 13.0 * 0.8408964152537146);
     EXPECT_EQ(f.right[18], 0.5 - 18);
-    f = StereoFixture{};
-    f.state->is_stereo = 1;
-    f.state->long_bounds = kLongBandBounds[1][0];
-    f.state->intensity_bound[0] = 0;
-    f.state->scale_factors.l[1][0] = 2;
-    f.state->scale_factors.intensity_scale = 1;
-    stereo_process(*f.state, header_of(kVersionMpeg2, 1, 1), 0, f.left, f.right);
     // Even position 2, intensity_scale 1: q = 1, the factor 2^(-1/2) on the right channel.
-    EXPECT_EQ(f.right[0], 0.7071067811865476);
-    EXPECT_EQ(f.left[0], 1.0);
+    StereoFixture g;
+    intensity(g, {2}, 1);
+    EXPECT_EQ(g.right[0], 0.7071067811865476);
+    EXPECT_EQ(g.left[0], 1.0);
 }
 
 void decode_with_buffer_gap(int extra_values) {

@@ -34,13 +34,9 @@ std::string wav_header(uint32_t data_size, int channels, uint32_t rate) {
     std::string h = "RIFF";
     put_le(h, data_size + 36, 4);
     h += "WAVEfmt ";
-    put_le(h, 16, 4);
-    put_le(h, 1, 2);
-    put_le(h, ch, 2);
-    put_le(h, rate, 4);
-    put_le(h, rate * 2 * ch, 4);
-    put_le(h, 2 * ch, 2);
-    put_le(h, 16, 2);
+    const std::pair<uint32_t, int> fmt[] = {{16, 4}, {1, 2}, {ch, 2}, {rate, 4}, {rate * 2 * ch, 4},
+                                            {2 * ch, 2}, {16, 2}};
+    for (const auto& [value, bytes] : fmt) put_le(h, value, bytes);
     h += "data";
     put_le(h, data_size, 4);
     return h;

@@ -1,5 +1,5 @@
-// Test support for audio: 16-bit samples and WAV files (made and read back), tones, and an
-// independent walk over MPEG audio frames.
+// Test support for audio: 16-bit samples, WAV files and tones, and an independent walk over
+// MPEG audio frames.
 #pragma once
 
 #include <cstddef>

@@ -73,16 +73,14 @@ int wait_process(int pid) {
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-ProcessResult run_kavo(const std::vector<std::string>& args, const std::string& cwd) {
-    std::vector<std::string> argv = {KAVO_CLI_PATH};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return run_process(argv, cwd);
+ProcessResult run_kavo(std::vector<std::string> args, const std::string& cwd) {
+    args.insert(args.begin(), KAVO_CLI_PATH);
+    return run_process(args, cwd);
 }
 
-ProcessResult run_host(const std::vector<std::string>& args, const std::string& cwd) {
-    std::vector<std::string> argv = {KAVO_C_HOST_PATH};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return run_process(argv, cwd);
+ProcessResult run_host(std::vector<std::string> args, const std::string& cwd) {
+    args.insert(args.begin(), KAVO_C_HOST_PATH);
+    return run_process(args, cwd);
 }
 
 TempDir::TempDir() {

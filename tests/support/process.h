@@ -16,8 +16,8 @@ struct ProcessResult {
 // Runs argv[0] with the given arguments in directory cwd (empty: the current one).
 ProcessResult run_process(const std::vector<std::string>& argv, const std::string& cwd = {});
 // The kavo command, and the C host (INPUT OUTPUT GAIN [USER]), in cwd.
-ProcessResult run_kavo(const std::vector<std::string>& args, const std::string& cwd = {});
-ProcessResult run_host(const std::vector<std::string>& args, const std::string& cwd);
+ProcessResult run_kavo(std::vector<std::string> args, const std::string& cwd = {});
+ProcessResult run_host(std::vector<std::string> args, const std::string& cwd);
 
 // Starts argv[0] in directory cwd with its output discarded, for a test that signals it;
 // returns its process id. wait_process gives its exit code, or 128 + the ending signal.
