@@ -1,7 +1,7 @@
 // The sample-rate converter: the fixed-point engine (table path against the tap-by-tap path,
-// end of input, limits), filter files, the mix and 8 kHz stages on real WAV files (headers,
-// frame counts, progress, tone frequency and gain, stopband), the failure exits, and a
-// comparison with sox.
+// end of input, limits), filter files, the mix and 8 kHz stages on WAV files (the mix's
+// rounding, the failure exits) and a comparison with sox. (Headers, frame counts, progress
+// and the output of the stages at every rate are pinned by the whole-conversion golden files.)
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -40,39 +40,11 @@ double amplitudeAt(const Samples& x, double freq, double rate, size_t skip) {
     return 2 * std::hypot(re, im) / static_cast<double>(n);
 }
 
-double rms(const Samples& x, size_t skip) {
-    double sum = 0;
-    for (size_t i = skip; i + skip < x.size(); ++i) sum += static_cast<double>(x[i]) * x[i];
-    return std::sqrt(sum / static_cast<double>(x.size() - 2 * skip));
-}
-
-// Frequency from the first and last rising zero crossings, interpolated between samples.
-double zeroCrossingFrequency(const Samples& x, double rate, size_t skip) {
-    double first = -1, last = -1;
-    int cycles = -1;
-    for (size_t i = skip; i + 1 + skip < x.size(); ++i) {
-        if (x[i] < 0 && x[i + 1] >= 0) {
-            const double t = static_cast<double>(i) + static_cast<double>(-x[i]) / (x[i + 1] - x[i]);
-            if (first < 0) first = t;
-            last = t;
-            ++cycles;
-        }
-    }
-    return cycles * rate / (last - first);
-}
-
 // Runs the stages with the process inside a fresh directory ("temp.txt" is written there).
 struct StageTest : testing::Test {
     TempDir dir_;
     InDir here_{dir_.path()};
 };
-
-std::vector<int> g_progress;
-int32_t recordProgress(int32_t user, int32_t low, int32_t high, int32_t percent, int32_t one) {
-    EXPECT_EQ(std::vector<int>({user, low, high, one}), std::vector<int>({77, 0, 100, 1}));
-    g_progress.push_back(percent);
-    return 0;
-}
 
 // The engine on files: input samples (interleaved) in, output samples out.
 int runEngine(const Samples& in, int nChans, Samples& out, const std::function<int(int)>& call) {
@@ -86,21 +58,28 @@ int runEngine(const Samples& in, int nChans, Samples& out, const std::function<i
     return result;
 }
 
+// Loud square-ish bursts (clipping after the filter), noise and silence.
 Samples noisyTestSignal(int frames, int channels, unsigned seed) {
-    // Loud square-ish bursts (clipping after the filter), noise and silence.
     std::mt19937 rng(seed);
     std::uniform_int_distribution<int> any(-32768, 32767);
     Samples x;
     for (int n = 0; n < frames; ++n) {
         for (int c = 0; c < channels; ++c) {
-            int16_t v;
-            if (n % 3000 < 1000) v = ((n / 50 + c) % 2) != 0 ? 32767 : -32768;
-            else if (n % 3000 < 2000) v = static_cast<int16_t>(any(rng));
-            else v = 0;
-            x.push_back(v);
+            const int part = n % 3000 / 1000;
+            x.push_back(static_cast<int16_t>(part == 0 ? ((n / 50 + c) % 2 != 0 ? 32767 : -32768)
+                                                      : part == 1 ? any(rng) : 0));
         }
     }
     return x;
+}
+
+// The engine with the large filter at factor, for outCount frames of mono input.
+std::function<int(int)> filtered(double factor, int outCount) {
+    return [=](int n) {
+        const FilterSet f = largeFilter();
+        return convertFiltered(factor, n, outCount, 1, 1, f.Coeffs, f.Differences, 14008, f.Nmult,
+                               f.Length, nullptr, 0);
+    };
 }
 
 }  // namespace
@@ -207,205 +186,124 @@ INSTANTIATE_TEST_SUITE_P(Factors, PathEquality,
 // ---------------------------------------------------------------- engine behaviour
 
 TEST(Engine, EndOfInputAndShortInputs) {
-    const FilterSet f = largeFilter();
-    auto filtered = [&](double factor, int outCount) {
-        return [=](int n) {
-            return convertFiltered(factor, n, outCount, 1, 1, f.Coeffs, f.Differences, 14008,
-                                   f.Nmult, f.Length, nullptr, 0);
-        };
-    };
     Samples out;
-    // No frame or one frame: nothing is written.
+    // No frame or one frame: nothing is written; outCount 0 trims the first block to nothing.
     EXPECT_EQ(runEngine({}, 1, out, filtered(1.0, 0)), 0);
-    EXPECT_TRUE(out.empty());
     EXPECT_EQ(runEngine({1000}, 1, out, filtered(1.0, 1)), 0);
     EXPECT_TRUE(out.empty());
-    // outCount 0 with input: the first block is trimmed to nothing.
     EXPECT_EQ(runEngine(sine(5000, 440, 8000, 8000), 1, out, filtered(1.0, 0)), 0);
     EXPECT_TRUE(out.empty());
-    // Inputs shorter than the first read, and much longer than it: exactly outCount frames.
-    for (int frames : {2, 10, 100, 4000, 20000}) {
-        for (double factor : {1.0, 8000.0 / 44100}) {
-            const int outCount = static_cast<int>(frames * factor + 0.5);
-            const int result = runEngine(sine(size_t(frames), 300, 8000, 8000), 1, out,
-                                         filtered(factor, outCount));
-            EXPECT_EQ(result, outCount) << frames << " " << factor;
-            EXPECT_EQ(out.size(), static_cast<size_t>(outCount)) << frames << " " << factor;
-        }
-    }
+    // An input shorter than the first read: exactly outCount frames.
+    EXPECT_EQ(runEngine(sine(10, 300, 8000, 8000), 1, out, filtered(8000.0 / 44100, 2)), 2);
+    EXPECT_EQ(out.size(), 2u);
 }
 
 TEST(Engine, LimitsOfTheFactorAreErrorsNotOverruns) {
-    const FilterSet f = largeFilter();
-    Samples out;
     const Samples in = sine(20000, 300, 8000, 8000);
-    auto run = [&](double factor, int outCount, std::string& err) {
+    Samples out;
+    std::string err;
+    auto run = [&](double factor, int outCount) {
         testing::internal::CaptureStderr();
-        const int r = runEngine(in, 1, out, [&](int n) {
-            return convertFiltered(factor, n, outCount, 1, 1, f.Coeffs, f.Differences, 14008,
-                                   f.Nmult, f.Length, nullptr, 0);
-        });
+        const int r = runEngine(in, 1, out, filtered(factor, outCount));
         err = testing::internal::GetCapturedStderr();
         return r;
     };
-    std::string err;
-    // Factor 7: one block would give more than OUTBUFFSIZE frames.
-    EXPECT_EQ(run(7.0, 140000, err), -1);
+    // Factor 7: one block would give more than OUTBUFFSIZE frames ...
+    EXPECT_EQ(run(7.0, 140000), -1);
     EXPECT_EQ(err, "resample: Output array overflow \n\n");
     // ... unless the block is cut to the frames still wanted.
-    EXPECT_EQ(run(7.0, 500, err), 500);
+    EXPECT_EQ(run(7.0, 500), 500);
     EXPECT_EQ(out.size(), 500u);
-    // A huge factor (time step 0) ends too.
-    EXPECT_EQ(run(1e6, 1000, err), 1000);
-    // Factors too small for the buffer's history.
-    EXPECT_EQ(run(0.01, 200, err), -1);
-    EXPECT_EQ(err, "resample: IBUFFSIZE (or factor) is too small \n\n");
-    EXPECT_EQ(run(33.0 / 2038.0, 200, err), -1);  // guard of exactly half the buffer
-    EXPECT_EQ(run(-1.0, 200, err), -1);
-    EXPECT_EQ(run(std::nan(""), 200, err), -1);
+    EXPECT_EQ(run(1e6, 1000), 1000);  // a huge factor (time step 0) ends too
+    // Factors too small for the buffer's history (33 / 2038: a guard of exactly half of it),
+    // and factors that are no factor.
+    const std::string small = "resample: IBUFFSIZE (or factor) is too small \n\n";
+    const std::string range = "resample: factor out of range \n\n";
+    for (const auto& [factor, message] : {std::pair{0.01, small}, std::pair{33.0 / 2038.0, small},
+                                          std::pair{-1.0, range}, std::pair{std::nan(""), range}}) {
+        EXPECT_EQ(run(factor, 200), -1) << factor;
+        EXPECT_EQ(err, message) << factor;
+    }
 }
 
 TEST(Engine, LinearModeInterpolatesBetweenNeighbours) {
     Samples ramp;
     for (int i = 0; i < 6000; ++i) ramp.push_back(static_cast<int16_t>(i * 4));
     Samples out;
-    const int result = runEngine(ramp, 1, out, [&](int n) {
-        return resample(2.0, n, 8000, 1, 1, 1, 1, "", nullptr, 0);
-    });
-    ASSERT_EQ(result, 8000);
+    ASSERT_EQ(runEngine(ramp, 1, out, [&](int n) {
+                  return resample(2.0, n, 8000, 1, 1, 1, 1, "", nullptr, 0);
+              }),
+              8000);
     for (int k = 0; k < 8000; ++k) ASSERT_EQ(out[static_cast<size_t>(k)], k * 2) << k;
 }
 
 // ---------------------------------------------------------------- filter files
 
-namespace {
-std::string filterFileText(const FilterSet& f, const char* sep) {
-    std::string s = "  ScaleFactor\t" + std::to_string(f.ScaleFactor) + sep + "Length " +
-                    std::to_string(f.Length) + sep + sep + "Nmult  " + std::to_string(f.Nmult) +
-                    "\nCoeffs:\n";
-    for (int i = 0; i < f.Length; ++i) s += std::to_string(f.Coeffs[i]) + (i % 3 ? "\n" : " \n");
-    s += "Differences:\n";
-    for (int i = 0; i < f.Length; ++i) s += std::to_string(f.Differences[i]) + "\n";
-    return s;
-}
-}  // namespace
-
+// A filter file with the built-in large filter (odd spacing and CR LF line ends) gives the
+// built-in filter's frames; useLargeFilter counts by its low byte only (0x100: the small one).
 TEST(FilterFile, AConformingFileReproducesTheBuiltInLargeFilter) {
     TempDir dir;
-    write_file(dir.file("F65T8.filter"), filterFileText(largeFilter(), "\r\n"));
-    const std::string name = dir.file("F65T8.filter");
+    const FilterSet f = largeFilter();
+    std::string text = "  ScaleFactor\t" + std::to_string(f.ScaleFactor) + "\r\nLength " +
+                       std::to_string(f.Length) + "\r\n\r\nNmult  " + std::to_string(f.Nmult) +
+                       "\nCoeffs:\n";
+    for (int i = 0; i < f.Length; ++i) text += std::to_string(f.Coeffs[i]) + (i % 3 ? "\n" : " \n");
+    text += "Differences:\n";
+    for (int i = 0; i < f.Length; ++i) text += std::to_string(f.Differences[i]) + "\n";
+    write_file(dir.file("F65T8.filter"), text);
     const Samples in = noisyTestSignal(12000, 2, 3);
-    Samples fromFile, builtIn;
     const double factor = 8000.0 / 44100;
     const int outCount = static_cast<int>(12000 * factor + 0.5);
-    EXPECT_EQ(runEngine(in, 2, fromFile, [&](int n) {
-                  return resample(factor, n, outCount, 2, 1, 0, 0, name.c_str(), nullptr, 0);
-              }),
-              outCount);
-    EXPECT_EQ(runEngine(in, 2, builtIn, [&](int n) {
-                  return resample(factor, n, outCount, 2, 1, 0, 0x100 | 1, "", nullptr, 0);
-              }),
-              outCount);
-    EXPECT_EQ(fromFile, builtIn);
-    // useLargeFilter counts by its low byte only: 0x100 takes the small filter.
-    Samples small;
-    runEngine(in, 2, small, [&](int n) {
-        return resample(factor, n, outCount, 2, 1, 0, 0x100, "", nullptr, 0);
-    });
-    EXPECT_NE(small, builtIn);
+    auto run = [&](const std::string& name, int useLarge) {
+        Samples out;
+        EXPECT_EQ(runEngine(in, 2, out, [&](int n) {
+                      return resample(factor, n, outCount, 2, 1, 0, useLarge, name.c_str(), nullptr, 0);
+                  }),
+                  outCount);
+        return out;
+    };
+    const Samples builtIn = run("", 0x101);
+    EXPECT_EQ(run(dir.file("F65T8.filter"), 0), builtIn);
+    EXPECT_NE(run("", 0x100), builtIn);
 }
 
-TEST(FilterFile, ResultCodesAndPartlyReadHeaders) {
+// The reader's result: 1 without a file, 2 to 4 for the header field that is wrong or missing;
+// entries missing at the end repeat the number read last. The engine turns any failure into
+// its message and -1, and so a table longer than Nmult allows (it would reach outside the
+// block's history).
+TEST(FilterFile, ResultCodesTablesAndRefusals) {
     TempDir dir;
-    struct Case {
-        const char* text;  // nullptr: no file
-        int code;
-        uint16_t scale, length, nmult;
-        std::vector<int16_t> coeffs, diffs;
-    };
-    const Case cases[] = {
-        {nullptr, 1, 0, 0, 0, {}, {}},
-        {"ScaleFactor\n", 2, 0, 0, 0, {}, {}},
-        {"Scalefactor 100\n", 2, 0, 0, 0, {}, {}},
-        {"ScaleFactor 100 Length x", 3, 100, 0, 0, {}, {}},
-        {"ScaleFactor 70000\nLength 3\nNmult\n", 4, 70000 & 0xFFFF, 3, 0, {}, {}},
-        {"ScaleFactor 1 Length 3 Nmult 3 Coeffs: 5 6 7 Differences: 1 1 -7", 0, 1, 3, 3, {5, 6, 7}, {1, 1, -7}},
-        // Entries missing at the end repeat the number read last.
-        {"ScaleFactor 1 Length 4 Nmult 3 Coeffs: 5 -6", 0, 1, 4, 3, {5, -6, -6, -6}, {-6, -6, -6, -6}},
-    };
-    for (const Case& c : cases) {
-        const std::string path = dir.file(c.text != nullptr ? "x.filter" : "missing.filter");
-        if (c.text != nullptr) write_file(path, c.text);
+    const std::pair<const char*, int> cases[] = {
+        {nullptr, 1}, {"ScaleFactor\n", 2}, {"Scalefactor 100\n", 2}, {"ScaleFactor 100 Length x", 3},
+        {"ScaleFactor 70000\nLength 3\nNmult\n", 4}, {"ScaleFactor 1 Length 4 Nmult 3 Coeffs: 5 -6", 0}};
+    for (const auto& [text, code] : cases) {
+        const std::string path = dir.file(text != nullptr ? "x.filter" : "missing.filter");
+        if (text != nullptr) write_file(path, text);
         int16_t* coeffs = nullptr;
         int16_t* diffs = nullptr;
         uint16_t scale = 0, nmult = 0, length = 0;
-        SCOPED_TRACE(c.text != nullptr ? c.text : "no file");
-        EXPECT_EQ(read_filter_file(path.c_str(), &coeffs, &diffs, &scale, &nmult, &length), c.code);
-        EXPECT_EQ(std::vector<int>({scale, length, nmult}), std::vector<int>({c.scale, c.length, c.nmult}));
-        EXPECT_EQ(coeffs == nullptr, c.code != 0);
-        if (c.code == 0) {
-            EXPECT_EQ(std::vector<int16_t>(coeffs, coeffs + length), c.coeffs);
-            EXPECT_EQ(std::vector<int16_t>(diffs, diffs + length), c.diffs);
+        EXPECT_EQ(read_filter_file(path.c_str(), &coeffs, &diffs, &scale, &nmult, &length), code);
+        EXPECT_EQ(coeffs == nullptr, code != 0);
+        if (code == 0) {
+            EXPECT_EQ(std::vector<int>({scale, length, nmult}), std::vector<int>({1, 4, 3}));
+            EXPECT_EQ(std::vector<int16_t>(coeffs, coeffs + 4), std::vector<int16_t>({5, -6, -6, -6}));
+            EXPECT_EQ(std::vector<int16_t>(diffs, diffs + 4), std::vector<int16_t>(4, -6));
         }
         delete[] coeffs;
         delete[] diffs;
     }
     EXPECT_EQ(open_stream_count(), 0);
-    // The engine turns any failure into its message and -1.
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(resample(0.5, 10, 5, 1, 1, 0, 1, dir.file("missing.filter").c_str(), nullptr, 0), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "resample: could not find filter file, or syntax error in contents of filter file \n\n");
-    // A table longer than Nmult allows would reach outside the block's history.
     write_file(dir.file("long.filter"), "ScaleFactor 14746 Length 8192 Nmult 13 Coeffs: 1 Differences: 0");
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(resample(0.5, 10, 5, 1, 1, 0, 1, dir.file("long.filter").c_str(), nullptr, 0), -1);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("filter is longer"), std::string::npos);
+    for (const char* name : {"missing.filter", "long.filter"}) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(resample(0.5, 10, 5, 1, 1, 0, 1, dir.file(name).c_str(), nullptr, 0), -1);
+        EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                      name[0] == 'm' ? "could not find filter file, or syntax error" : "filter is longer"),
+                  std::string::npos);
+    }
 }
 
 // ---------------------------------------------------------------- the stages on WAV files
-
-class StagesAtRate : public StageTest, public testing::WithParamInterface<std::tuple<int, int>> {};
-
-TEST_P(StagesAtRate, HeadersFrameCountsProgressToneFrequencyAndGain) {
-    const auto [rate, channels] = GetParam();
-    const int frames = rate / 2 + 37;
-    write_file("in.wav", wav_bytes(sine(size_t(frames), 1000, rate, 16000, channels), channels,
-                                   static_cast<uint32_t>(rate)));
-
-    g_progress.clear();
-    mix_to_mono("in.wav", "mono.wav", recordProgress, 77);
-    EXPECT_EQ(open_stream_count(), 0);
-    EXPECT_EQ(read_file("mono.wav"), wav_header(2u * uint32_t(frames), 1, uint32_t(rate)) +
-                                         read_file("mono.wav").substr(44, size_t(2 * frames)));
-    ASSERT_EQ(g_progress.size(), static_cast<size_t>(frames));
-    EXPECT_EQ(g_progress.front(), 40);
-    EXPECT_EQ(g_progress.back(), 59);
-    EXPECT_TRUE(std::is_sorted(g_progress.begin(), g_progress.end()));
-
-    g_progress.clear();
-    resample_to_8k("mono.wav", "out.wav", 1, recordProgress, 77);
-    EXPECT_EQ(open_stream_count(), 0);
-    const Wav out = read_wav("out.wav");
-    const auto m = static_cast<uint32_t>(std::trunc(frames * (8000.0 / rate) + 0.5));
-    EXPECT_EQ(read_file("out.wav").substr(0, 44), wav_header(2 * m, 1, 8000));
-    EXPECT_EQ(out.samples.size(), m);
-    ASSERT_FALSE(g_progress.empty());
-    EXPECT_GE(g_progress.front(), 60);
-    EXPECT_EQ(g_progress.back(), 80);
-    EXPECT_TRUE(std::is_sorted(g_progress.begin(), g_progress.end()));
-    EXPECT_EQ(read_file("temp.txt").size(), 400u);
-
-    // What a listener hears: the same pitch, about 0.95 of the level (-0.45 dB).
-    EXPECT_NEAR(zeroCrossingFrequency(out.samples, 8000, 200), 1000.0, 0.5);
-    const double gain = amplitudeAt(out.samples, 1000, 8000, 200) / 16000.0;
-    EXPECT_NEAR(20 * std::log10(gain), -0.45, 0.1) << gain;
-}
-
-INSTANTIATE_TEST_SUITE_P(MpegRates, StagesAtRate,
-                         testing::Combine(testing::Values(8000, 11025, 12000, 16000, 22050, 24000,
-                                                          32000, 44100, 48000),
-                                          testing::Values(1, 2)));
 
 // The mix averages each frame's two channels toward zero; frames the header promises but the
 // file does not hold are mixed as silence.
@@ -413,39 +311,22 @@ TEST_F(StageTest, StereoIsAveragedTowardZeroAndMissingFramesAreSilence) {
     const Samples frames = {32767, 32767, -32768, -32767, -3, 0, 3, 0, 5, -6, -32768, -32768};
     write_file("in.wav", wav_header(32, 2, 44100) + pcm_bytes(frames));  // promises 8 frames
     mix_to_mono("in.wav", "mono.wav", nullptr, 0);
-    const Wav mono = read_wav("mono.wav");
-    EXPECT_EQ(mono.data_size, 16u);
-    EXPECT_EQ(mono.samples, (Samples{32767, -32767, -1, 1, 0, -32768, 0, 0}));
-}
-
-TEST_F(StageTest, StopbandAt44100IsRejected) {
-    // Tones at and above the 8 kHz output's Nyquist frequency must not alias into it.
-    for (double freq : {4100.0, 4500.0, 6000.0}) {
-        const Samples in = sine(44100, freq, 44100, 16000);
-        write_file("in.wav", wav_bytes(in, 1, 44100));
-        resample_to_8k("in.wav", "out.wav", 1, nullptr, 0);
-        const Wav out = read_wav("out.wav");
-        const double rejection = 20 * std::log10(rms(out.samples, 200) / rms(in, 1000));
-        EXPECT_LT(rejection, -60.0) << freq << " Hz: " << rejection << " dB";
-        RecordProperty("rejection_" + std::to_string(static_cast<int>(freq)), std::to_string(rejection));
-        std::printf("stopband %.0f Hz: %.1f dB\n", freq, rejection);
-    }
+    EXPECT_EQ(read_file("mono.wav"),
+              wav_bytes({32767, -32767, -1, 1, 0, -32768, 0, 0}, 1, 44100));
 }
 
 TEST_F(StageTest, AgreesWithSoxOnAMixOfTones) {
-    Samples in(44100 * 2);
-    for (size_t n = 0; n < in.size(); ++n) {
-        const double t = static_cast<double>(n) / 44100;
-        in[n] = static_cast<int16_t>(std::lround(5000 * std::sin(2 * std::numbers::pi * 310 * t) +
-                                                 4000 * std::sin(2 * std::numbers::pi * 1270 * t) +
-                                                 3000 * std::sin(2 * std::numbers::pi * 2100 * t)));
+    Samples in = sine(44100 * 2, 310, 44100, 5000);
+    for (const auto& [freq, amp] : {std::pair{1270.0, 4000.0}, std::pair{2100.0, 3000.0}}) {
+        const Samples tone = sine(in.size(), freq, 44100, amp);
+        for (size_t n = 0; n < in.size(); ++n) in[n] = static_cast<int16_t>(in[n] + tone[n]);
     }
     write_file("in.wav", wav_bytes(in, 1, 44100));
     resample_to_8k("in.wav", "ours.wav", 1, nullptr, 0);
     const auto sox = run_process({"/usr/bin/env", "sox", "in.wav", "-r", "8000", "sox.wav"}, dir_.path());
     if (sox.exit_code != 0) GTEST_SKIP() << "sox is not available: " << sox.err;
-    const Samples ours = read_wav("ours.wav").samples;
-    const Samples theirs = read_wav("sox.wav").samples;
+    const Samples ours = s16(read_file("ours.wav"), 44);
+    const Samples theirs = s16(read_file("sox.wav"), 44);
     ASSERT_EQ(ours.size(), theirs.size());
     // The 15-bit step (180634 for 180633.6) makes our time base run 2.2e-6 slow, which adds
     // up over a long signal; compare the first quarter second, where it stays below 0.03 of
@@ -467,25 +348,23 @@ TEST_F(StageTest, AgreesWithSoxOnAMixOfTones) {
 using StageDeathTest = StageTest;
 
 TEST_F(StageDeathTest, InputsTheStagesCannotConvertEndTheProcessWithCodeOne) {
-    EXPECT_EXIT(mix_to_mono("absent.wav", "mono.wav", nullptr, 0), testing::ExitedWithCode(1), "");
-    EXPECT_EXIT(resample_to_8k("absent.wav", "out.wav", 1, nullptr, 0), testing::ExitedWithCode(1), "");
-    write_file("empty.wav", wav_bytes({}, 1, 44100));
-    write_file("one.wav", wav_bytes({1234}, 1, 44100));
-    write_file("one8k.wav", wav_bytes({1234}, 1, 8000));
-    for (const char* name : {"empty.wav", "one.wav", "one8k.wav"}) {
-        EXPECT_EXIT(resample_to_8k(name, "out.wav", 1, nullptr, 0), testing::ExitedWithCode(1), "") << name;
-    }
-    // A header-only file mixes to a header-only file.
-    mix_to_mono("empty.wav", "mono.wav", nullptr, 0);
-    EXPECT_EQ(read_wav("mono.wav").file_size, 44u);
     std::string noFrameSize = wav_bytes({1, 2, 3}, 1, 44100);
     noFrameSize.replace(32, 2, std::string(2, '\0'));
     write_file("zero-align.wav", noFrameSize);
     write_file("cut.wav", noFrameSize.substr(0, 20));  // a header cut short reads as zeros
-    EXPECT_EXIT(mix_to_mono("cut.wav", "m.wav", nullptr, 0), testing::ExitedWithCode(1), "no frame size");
-    EXPECT_EXIT(mix_to_mono("zero-align.wav", "m.wav", nullptr, 0), testing::ExitedWithCode(1), "no frame size");
-    std::string noRate = wav_bytes({1, 2, 3}, 1, 0);
-    write_file("zero-rate.wav", noRate);
+    write_file("zero-rate.wav", wav_bytes({1, 2, 3}, 1, 0));
+    write_file("empty.wav", wav_bytes({}, 1, 44100));
+    write_file("one.wav", wav_bytes({1234}, 1, 44100));
+    write_file("one8k.wav", wav_bytes({1234}, 1, 8000));
+    EXPECT_EXIT(mix_to_mono("absent.wav", "mono.wav", nullptr, 0), testing::ExitedWithCode(1), "");
+    for (const char* name : {"cut.wav", "zero-align.wav"}) {
+        EXPECT_EXIT(mix_to_mono(name, "m.wav", nullptr, 0), testing::ExitedWithCode(1), "no frame size");
+    }
+    for (const char* name : {"absent.wav", "short", "empty.wav", "one.wav", "one8k.wav"}) {
+        EXPECT_EXIT(resample_to_8k(name, "out.wav", 1, nullptr, 0), testing::ExitedWithCode(1), "") << name;
+    }
     EXPECT_EXIT(resample_to_8k("zero-rate.wav", "o.wav", 1, nullptr, 0), testing::ExitedWithCode(1), "frame rate");
-    EXPECT_EXIT(resample_to_8k("short", "o.wav", 1, nullptr, 0), testing::ExitedWithCode(1), "");
+    // A header-only file mixes to a header-only file.
+    mix_to_mono("empty.wav", "mono.wav", nullptr, 0);
+    EXPECT_EQ(read_file("mono.wav").size(), 44u);
 }

@@ -212,86 +212,56 @@ TEST(FastHuffman, PairsAndQuadruplesMatchTheOneCodeWordForm) {
     }
 }
 
-// Requantisation of long blocks leaves the zero tail alone; against every line scaled as the
-// plain form does it, with -0.0 and a nonzero last line among the inputs.
-TEST(FastRequantise, LongBlocksMatchEveryLineScaledByBit) {
+// Requantisation against every line scaled as the plain form does it, over every row of band
+// bounds: long blocks leave the zero tail alone (-0.0 and a nonzero last line among the
+// inputs); short blocks scale each window of each band by its own gain (bands of 4 to 56
+// lines: runs of four and the lines after them); magnitudes beyond the table in both.
+TEST(FastRequantise, LongAndShortBlocksMatchEveryLineScaledByBit) {
     auto state = std::make_unique<Layer3State>();
     for (int i = 0; i < kPow43Size; ++i) state->pow43[i] = std::pow(i, 4.0 / 3.0);
     std::mt19937 rng(31);
-    std::uniform_int_distribution<int> magnitude(-20, 20);
-    std::uniform_int_distribution<int> escape(-8206, 8206);
-    std::uniform_int_distribution<int> line(0, 576);
-    std::uniform_int_distribution<int> gain(0, 255);
-    std::uniform_int_distribution<int> factor(0, 15);
-    for (int round = 0; round < 300; ++round) {
+    std::uniform_int_distribution<int> escape(-8206, 8206), line(0, 576), gain(0, 255), factor(0, 15);
+    for (int round = 0; round < 390; ++round) {
+        const bool short_blocks = round >= 300;
         const int row = round % 3;
         const int rate = (round / 3) % 3;
         state->long_bounds = kLongBandBounds[row][rate];
-        GranuleInfo& gi = state->side_info.gr[0][0];
-        gi = GranuleInfo{};
-        gi.global_gain = static_cast<uint32_t>(gain(rng));
-        gi.scalefac_scale = static_cast<uint32_t>(round & 1);
-        gi.preflag = static_cast<uint32_t>((round >> 1) & 1);
-        for (uint32_t& l : state->scale_factors.l[0]) l = static_cast<uint32_t>(factor(rng));
-        state->scale_factors.l[0][21] = 0;
-        const int end = round == 0 ? 576 : line(rng);
-        for (int i = 0; i < 576; ++i) {
-            const int v = (i % 97 == 5) ? escape(rng) : magnitude(rng);
-            state->spectrum[i] = i < end ? v : 0.0;
-        }
-        if (round % 5 == 1) state->spectrum[575] = -0.0;
-        if (round % 7 == 2 && end > 0) state->spectrum[end - 1] = 3.0;
-
-        double plain[576];
-        const int32_t* lb = state->long_bounds;
-        for (int b = 0; b < 22; ++b) {
-            const double g = long_band_gain(gi.global_gain, gi.scalefac_scale,
-                                            state->scale_factors.l[0][b], b, gi.preflag);
-            for (int i = lb[b]; i < lb[b + 1]; ++i) plain[i] = signed_pow43(*state, state->spectrum[i]) * g;
-        }
-        requantise(*state, 0, 0);
-        ASSERT_TRUE(same_bits(plain, state->spectrum, 576)) << "round " << round;
-    }
-}
-
-// Short blocks: each window of each band scaled by its own gain, bands of 4 to 56 lines (runs
-// of four and the lines after them), magnitudes beyond the table and negative values among them.
-TEST(FastRequantise, ShortBlocksMatchEveryLineScaledByBit) {
-    auto state = std::make_unique<Layer3State>();
-    for (int i = 0; i < kPow43Size; ++i) state->pow43[i] = std::pow(i, 4.0 / 3.0);
-    std::mt19937 rng(37);
-    std::uniform_int_distribution<int> magnitude(-40, 40);
-    std::uniform_int_distribution<int> escape(-8206, 8206);
-    std::uniform_int_distribution<int> gain(0, 255);
-    std::uniform_int_distribution<int> small(0, 7);
-    for (int round = 0; round < 90; ++round) {
-        const int row = round % 3;
-        const int rate = (round / 3) % 3;
         state->short_bounds = kShortBandBounds[row][rate];
         GranuleInfo& gi = state->side_info.gr[0][0];
         gi = GranuleInfo{};
-        gi.block_type = 2;
-        gi.window_switching_flag = 1;
+        gi.block_type = short_blocks ? 2 : 0;
+        gi.window_switching_flag = short_blocks ? 1 : 0;
         gi.global_gain = static_cast<uint32_t>(gain(rng));
         gi.scalefac_scale = static_cast<uint32_t>(round & 1);
-        for (uint32_t& g : gi.subblock_gain) g = static_cast<uint32_t>(small(rng));
+        gi.preflag = static_cast<uint32_t>(short_blocks ? 0 : (round >> 1) & 1);
+        for (uint32_t& g : gi.subblock_gain) g = static_cast<uint32_t>(factor(rng) & 7);
+        for (uint32_t& l : state->scale_factors.l[0]) l = static_cast<uint32_t>(factor(rng));
+        state->scale_factors.l[0][21] = 0;
         for (auto& band : state->scale_factors.s[0]) {
-            for (uint32_t& f : band) f = static_cast<uint32_t>(small(rng));
+            for (uint32_t& f : band) f = static_cast<uint32_t>(factor(rng) & 7);
         }
+        const int end = short_blocks || round == 0 ? 576 : line(rng);
+        std::uniform_int_distribution<int> magnitude(short_blocks ? -40 : -20, short_blocks ? 40 : 20);
         for (int i = 0; i < 576; ++i) {
-            state->spectrum[i] = (i % 41 == 7) ? escape(rng) : magnitude(rng);
+            const int v = (i % (short_blocks ? 41 : 97) == 7) ? escape(rng) : magnitude(rng);
+            state->spectrum[i] = i < end ? v : 0.0;
         }
+        if (round % 5 == 1 && !short_blocks) state->spectrum[575] = -0.0;
+        if (round % 7 == 2 && end > 0) state->spectrum[end - 1] = 3.0;
+
         double plain[576] = {};
+        const int32_t* lb = state->long_bounds;
         const int32_t* sb = state->short_bounds;
         int p = 0;
-        for (int b = 0; b < 13; ++b) {
-            for (int w = 0; w < 3; ++w) {
+        for (int b = 0; b < (short_blocks ? 13 : 22); ++b) {
+            for (int w = 0; w < (short_blocks ? 3 : 1); ++w) {
                 const double g =
-                    short_band_gain(gi.global_gain, gi.subblock_gain[w], gi.scalefac_scale,
-                                    state->scale_factors.s[0][b][w]);
-                for (int i = sb[b]; i < sb[b + 1]; ++i, ++p) {
-                    plain[p] = signed_pow43(*state, state->spectrum[p]) * g;
-                }
+                    short_blocks ? short_band_gain(gi.global_gain, gi.subblock_gain[w],
+                                                   gi.scalefac_scale, state->scale_factors.s[0][b][w])
+                                 : long_band_gain(gi.global_gain, gi.scalefac_scale,
+                                                  state->scale_factors.l[0][b], b, gi.preflag);
+                const int n = short_blocks ? sb[b + 1] - sb[b] : lb[b + 1] - lb[b];
+                for (int i = 0; i < n; ++i, ++p) plain[p] = signed_pow43(*state, state->spectrum[p]) * g;
             }
         }
         requantise(*state, 0, 0);

@@ -2,6 +2,7 @@
 // cases the conformance streams reach rarely or never), and the fatal paths of the decoder.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -17,15 +18,13 @@ using namespace kavolib;
 
 namespace {
 
-// Writes bits most significant first into a stream buffer from a given byte index.
+// Writes bits most significant first into a stream buffer from its first byte.
 struct BitWriter {
     StreamBuffer stream{};
-    int32_t start;
     int64_t bit = 0;
-    explicit BitWriter(int32_t first_byte = 0) : start(first_byte) {}
     void put(uint32_t value, int n) {
         for (int i = n - 1; i >= 0; --i) {
-            const auto index = static_cast<size_t>((start + bit / 8) % kStreamBufferSize);
+            const auto index = static_cast<size_t>(bit / 8);
             const int shift = 7 - static_cast<int>(bit % 8);
             stream.bytes[index] = static_cast<uint8_t>((stream.bytes[index] & ~(1 << shift)) |
                                                        (((value >> i) & 1u) << shift));
@@ -35,12 +34,10 @@ struct BitWriter {
     void put_code(const char* bits) {
         for (const char* p = bits; *p != 0; ++p) put(*p == '1' ? 1u : 0u, 1);
     }
-    BitReader reader() { return BitReader{BitPosition{stream.bytes, 0, start}, 0}; }
+    BitReader reader() { return BitReader{BitPosition{stream.bytes, 0, 0}, 0}; }
 };
 
-int64_t bits_moved(const BitReader& r, int32_t start) {
-    return ((r.cursor.byte_index - start + kStreamBufferSize) % kStreamBufferSize) * 8 + r.cursor.bit_offset;
-}
+int64_t bits_moved(const BitReader& r) { return r.cursor.byte_index * 8 + r.cursor.bit_offset; }
 
 std::unique_ptr<Layer3State> fresh_state(int row = 0, int rate = 0) {
     auto state = std::make_unique<Layer3State>();
@@ -64,30 +61,31 @@ FrameHeader header_of(int version, int mode, int mode_ext) {
 
 struct LsfCase {
     uint32_t scalefac_compress;
-    int channel;
     int mode_ext;
     uint32_t block_type, mixed;
     std::vector<int> lengths;  // bits of each value in order
-    uint32_t preflag;
-    uint32_t intensity_scale;  // expected (starts at 7)
 };
 
 void PrintTo(const LsfCase& c, std::ostream* os) {
-    *os << "scalefac_compress " << c.scalefac_compress << " channel " << c.channel << " block "
-        << c.block_type << (c.mixed != 0 ? " mixed" : "");
+    *os << "scalefac_compress " << c.scalefac_compress << " block " << c.block_type
+        << (c.mixed != 0 ? " mixed" : "");
 }
 
 class LsfScaleFactors : public testing::TestWithParam<LsfCase> {};
 
+// The intensity-coded right channel (rows 3 to 5 of partitions: c = s / 2, intensity_scale =
+// s & 1, no preflag) in every block kind, with a different length in each partition. (Rows 0
+// to 2 are read from every MPEG-2 conformance stream.)
 TEST_P(LsfScaleFactors, ReadThePartitionsOfTheRow) {
     const LsfCase& c = GetParam();
     auto state = fresh_state(1, 0);
     state->scale_factors.intensity_scale = 7;
-    GranuleInfo& g = state->side_info.gr[0][c.channel];
+    GranuleInfo& g = state->side_info.gr[0][1];
     g.scalefac_compress = c.scalefac_compress;
     g.block_type = c.block_type;
     g.mixed_block_flag = c.mixed;
     g.window_switching_flag = c.block_type != 0 ? 1 : 0;
+    g.preflag = 1;
     BitWriter w;
     std::vector<uint32_t> values;
     for (size_t i = 0; i < c.lengths.size(); ++i) {
@@ -96,23 +94,22 @@ TEST_P(LsfScaleFactors, ReadThePartitionsOfTheRow) {
         if (c.lengths[i] != 0) w.put(v, c.lengths[i]);
     }
     BitReader r = w.reader();
-    read_scale_factors(*state, r, header_of(kVersionMpeg2, 1, c.mode_ext), 0, c.channel);
-    EXPECT_EQ(bits_moved(r, 0), w.bit);
-    EXPECT_EQ(g.preflag, c.preflag);
-    EXPECT_EQ(state->scale_factors.intensity_scale, c.intensity_scale);
+    read_scale_factors(*state, r, header_of(kVersionMpeg2, 1, c.mode_ext), 0, 1);
+    EXPECT_EQ(bits_moved(r), w.bit);
+    EXPECT_EQ(g.preflag, 0u);
     const ScaleFactors& sf = state->scale_factors;
-    const int ch = c.channel;
+    EXPECT_EQ(sf.intensity_scale, c.scalefac_compress & 1);
     if (c.block_type != 2) {
-        for (int b = 0; b < 21; ++b) EXPECT_EQ(sf.l[ch][b], values[static_cast<size_t>(b)]) << b;
-        EXPECT_EQ(sf.l[ch][21], 0u);
+        for (int b = 0; b < 21; ++b) EXPECT_EQ(sf.l[1][b], values[static_cast<size_t>(b)]) << b;
+        EXPECT_EQ(sf.l[1][21], 0u);
     } else {
         const int long_count = c.mixed != 0 ? 6 : 0;
-        for (int b = 0; b < long_count; ++b) EXPECT_EQ(sf.l[ch][b], values[static_cast<size_t>(b)]);
+        for (int b = 0; b < long_count; ++b) EXPECT_EQ(sf.l[1][b], values[static_cast<size_t>(b)]);
         size_t next = static_cast<size_t>(long_count);
         for (int b = c.mixed != 0 ? 3 : 0; b < 12; ++b) {
-            for (int win = 0; win < 3; ++win) EXPECT_EQ(sf.s[ch][b][win], values[next++]) << b << "," << win;
+            for (int win = 0; win < 3; ++win) EXPECT_EQ(sf.s[1][b][win], values[next++]) << b << "," << win;
         }
-        for (int win = 0; win < 3; ++win) EXPECT_EQ(sf.s[ch][12][win], 0u);
+        for (int win = 0; win < 3; ++win) EXPECT_EQ(sf.s[1][12][win], 0u);
     }
 }
 
@@ -122,36 +119,21 @@ std::vector<int> repeat(std::initializer_list<std::pair<int, int>> runs) {
     return out;
 }
 
-// One case for every row of partitions (0 to 2 by scalefac_compress, 3 to 5 for the intensity-
-// coded right channel) and every block kind, with a different length in each partition.
 INSTANTIATE_TEST_SUITE_P(
     Rows, LsfScaleFactors,
     testing::Values(
-        // 511, long, not intensity-coded: lengths 3 2, row 2 (11 and 10 values), preflag 1
-        LsfCase{511, 0, 0, 0, 0, repeat({{11, 3}, {10, 2}}), 1, 7},
-        LsfCase{507, 0, 0, 2, 0, repeat({{18, 2}, {18, 1}}), 1, 7},
-        LsfCase{507, 0, 0, 2, 1, repeat({{15, 2}, {18, 1}}), 1, 7},
-        // left channel with mode_ext 3: ordinary coding, intensity_scale untouched; row 0
-        LsfCase{100, 0, 3, 0, 0, repeat({{6, 1}, {5, 1}, {5, 1}, {5, 0}}), 0, 7},
-        LsfCase{189, 0, 0, 2, 0, repeat({{9, 2}, {9, 1}, {9, 3}, {9, 1}}), 0, 7},
-        LsfCase{100, 0, 0, 2, 1, repeat({{6, 1}, {9, 1}, {9, 1}, {9, 0}}), 0, 7},
-        // row 1: s - 400 = 4 (5 l0 + l1) + l2
-        LsfCase{431, 0, 0, 0, 0, repeat({{6, 1}, {5, 2}, {7, 3}, {3, 0}}), 0, 7},
-        LsfCase{423, 0, 0, 0, 0, repeat({{6, 1}, {5, 0}, {7, 3}, {3, 0}}), 0, 7},  // x / 4 = 5
-        LsfCase{450, 0, 0, 2, 0, repeat({{9, 2}, {9, 2}, {12, 2}, {6, 0}}), 0, 7},
-        LsfCase{431, 0, 0, 2, 1, repeat({{6, 1}, {9, 2}, {12, 3}, {6, 0}}), 0, 7},
-        // right channel, intensity-coded: c = s / 2, intensity_scale = s & 1; row 3 for c < 180
-        LsfCase{103, 1, 1, 0, 0, repeat({{7, 1}, {7, 2}, {7, 3}}), 0, 1},
-        LsfCase{103, 1, 3, 2, 0, repeat({{12, 1}, {12, 2}, {12, 3}}), 0, 1},
-        LsfCase{102, 1, 1, 2, 1, repeat({{6, 1}, {15, 2}, {12, 3}}), 0, 0},
+        // row 3 for c < 180
+        LsfCase{103, 1, 0, 0, repeat({{7, 1}, {7, 2}, {7, 3}})},
+        LsfCase{103, 3, 2, 0, repeat({{12, 1}, {12, 2}, {12, 3}})},
+        LsfCase{102, 1, 2, 1, repeat({{6, 1}, {15, 2}, {12, 3}})},
         // row 4: c - 180 = 16 l0 + 4 l1 + l2
-        LsfCase{438, 1, 1, 0, 0, repeat({{6, 2}, {6, 1}, {6, 3}, {3, 0}}), 0, 0},
-        LsfCase{401, 1, 3, 2, 0, repeat({{12, 1}, {9, 1}, {9, 0}, {6, 0}}), 0, 1},
-        LsfCase{438, 1, 1, 2, 1, repeat({{6, 2}, {12, 1}, {9, 3}, {6, 0}}), 0, 0},
+        LsfCase{438, 1, 0, 0, repeat({{6, 2}, {6, 1}, {6, 3}, {3, 0}})},
+        LsfCase{401, 3, 2, 0, repeat({{12, 1}, {9, 1}, {9, 0}, {6, 0}})},
+        LsfCase{438, 1, 2, 1, repeat({{6, 2}, {12, 1}, {9, 3}, {6, 0}})},
         // row 5: c - 244 = 3 l0 + l1
-        LsfCase{511, 1, 1, 0, 0, repeat({{8, 3}, {8, 2}, {5, 0}}), 0, 1},
-        LsfCase{510, 1, 1, 2, 0, repeat({{15, 3}, {12, 2}, {9, 0}}), 0, 0},
-        LsfCase{511, 1, 3, 2, 1, repeat({{6, 3}, {18, 2}, {9, 0}}), 0, 1}));
+        LsfCase{511, 1, 0, 0, repeat({{8, 3}, {8, 2}, {5, 0}})},
+        LsfCase{510, 1, 2, 0, repeat({{15, 3}, {12, 2}, {9, 0}})},
+        LsfCase{511, 3, 2, 1, repeat({{6, 3}, {18, 2}, {9, 0}})}));
 
 // ---- Huffman decoding ---------------------------------------------------------------------
 
@@ -170,7 +152,7 @@ TEST(Huffman, OutOfFormatCountsStayInsideTheSpectrum) {
     bitunp_skip(r, 10);  // the "scale factors" used 10 bits
     state->part2_start = w.reader().cursor;
     huffman_decode(*state, r, 0, 0);
-    EXPECT_EQ(bits_moved(r, 0), 0);
+    EXPECT_EQ(bits_moved(r), 0);
     for (int i = 0; i < 576; ++i) ASSERT_EQ(state->spectrum[i], 0.0);
 }
 
@@ -233,16 +215,16 @@ TEST(Stereo, Mpeg1PositionsAboveSixAreNotIntensityCoded) {
 }
 
 TEST(Stereo, Mpeg2IntensityPositions) {
+    const auto intensity = [](StereoFixture& f, std::vector<uint32_t> positions, uint32_t scale) {
+        f.state->is_stereo = 1;
+        f.state->long_bounds = kLongBandBounds[1][0];  // bands of 6 lines
+        f.state->intensity_bound[0] = 0;
+        std::copy(positions.begin(), positions.end(), f.state->scale_factors.l[1]);
+        f.state->scale_factors.intensity_scale = scale;
+        stereo_process(*f.state, header_of(kVersionMpeg2, 1, 1), 0, f.left, f.right);
+    };
     StereoFixture f;
-    f.state->is_stereo = 1;
-    f.state->long_bounds = kLongBandBounds[1][0];
-    f.state->intensity_bound[0] = 0;
-    f.state->scale_factors.l[1][0] = 0;  // lines 0..5
-    f.state->scale_factors.l[1][1] = 1;  // lines 6..11
-    f.state->scale_factors.l[1][2] = 2;  // lines 12..17
-    f.state->scale_factors.l[1][3] = 7;  // lines 18..23: the marker, untouched
-    f.state->scale_factors.intensity_scale = 0;
-    stereo_process(*f.state, header_of(kVersionMpeg2, 1, 1), 0, f.left, f.right);
+    intensity(f, {0, 1, 2, 7}, 0);  // 7 in the fourth band: the marker, untouched
     EXPECT_EQ(f.left[0], 1.0);
     EXPECT_EQ(f.right[0], 1.0);
     EXPECT_EQ(f.left[6], 7.0 * 0.8408964152537146);
@@ -250,16 +232,11 @@ TEST(Stereo, Mpeg2IntensityPositions) {
     EXPECT_EQ(f.left[12], 13.0);
     EXPECT_EQ(f.right[12], 13.0 * 0.8408964152537146);
     EXPECT_EQ(f.right[18], 0.5 - 18);
-    f = StereoFixture{};
-    f.state->is_stereo = 1;
-    f.state->long_bounds = kLongBandBounds[1][0];
-    f.state->intensity_bound[0] = 0;
-    f.state->scale_factors.l[1][0] = 2;
-    f.state->scale_factors.intensity_scale = 1;
-    stereo_process(*f.state, header_of(kVersionMpeg2, 1, 1), 0, f.left, f.right);
     // Even position 2, intensity_scale 1: q = 1, the factor 2^(-1/2) on the right channel.
-    EXPECT_EQ(f.right[0], 0.7071067811865476);
-    EXPECT_EQ(f.left[0], 1.0);
+    StereoFixture g;
+    intensity(g, {2}, 1);
+    EXPECT_EQ(g.right[0], 0.7071067811865476);
+    EXPECT_EQ(g.left[0], 1.0);
 }
 
 void decode_with_buffer_gap(int extra_values) {

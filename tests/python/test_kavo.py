@@ -15,12 +15,16 @@ CASES = [("speech_mono_22k.mp3", 1.0), ("tone_m1_44k_stereo.mp3", 0.5),
          ("tone_m25_11k_ms.mp3", 2.0), ("speech_music_m1_44k_vbr.mp3", 1.0)]
 
 
+def read(path):
+    with open(path, "rb") as f:
+        return f.read()
+
+
 def command_output(name, gain, tmp):
     out = os.path.join(tmp, "command.adpcm")
     subprocess.run([os.environ["KAVO_CLI"], "convert", os.path.join(FIXTURES, name), out,
                     "--gain", str(gain)], check=True, capture_output=True)
-    with open(out, "rb") as f:
-        return f.read()
+    return read(out)
 
 
 class KavoModule(unittest.TestCase):
@@ -33,13 +37,12 @@ class KavoModule(unittest.TestCase):
         for name, gain in CASES:
             with self.subTest(name=name, gain=gain):
                 expected = command_output(name, gain, self.tmp)
-                with open(os.path.join(FIXTURES, name), "rb") as f:
-                    self.assertEqual(kavo.convert_bytes(f.read(), gain=gain), expected)
+                mp3 = os.path.join(FIXTURES, name)
+                self.assertEqual(kavo.convert_bytes(read(mp3), gain=gain), expected)
                 out = os.path.join(self.tmp, "module.adpcm")
                 percents = []
-                kavo.convert_file(os.path.join(FIXTURES, name), out, gain, percents.append)
-                with open(out, "rb") as f:
-                    self.assertEqual(f.read(), expected)
+                kavo.convert_file(mp3, out, gain, percents.append)
+                self.assertEqual(read(out), expected)
                 self.assertEqual(percents, sorted(percents))
                 self.assertEqual(percents[-1], 100)
 
@@ -52,21 +55,17 @@ class KavoModule(unittest.TestCase):
             kavo.convert_file(layer2, out)
         self.assertEqual(raised.exception.status, kavo.ERROR_FORMAT)
         self.assertIn("Layer II", raised.exception.message)
-        with open(out, "rb") as f:
-            self.assertEqual(f.read(), b"kept")
+        self.assertEqual(read(out), b"kept")
         self.assertEqual(os.listdir(self.tmp), ["out.adpcm"])
-        with open(layer2, "rb") as f:
-            with self.assertRaises(kavo.Error) as raised:
-                kavo.convert_bytes(f.read())
+        with self.assertRaises(kavo.Error) as raised:
+            kavo.convert_bytes(read(layer2))
         self.assertEqual(raised.exception.status, kavo.ERROR_FORMAT)
 
     def test_two_threads_at_once(self):
         # Each conversion waits in its first progress call until the other one has reached
         # its own: both must be inside the library together, or the barrier times out.
-        inputs = []
-        for name in ["tone_m1_44k_stereo.mp3", "speech_music_m1_44k_vbr.mp3"]:
-            with open(os.path.join(FIXTURES, name), "rb") as f:
-                inputs.append(f.read())
+        inputs = [read(os.path.join(FIXTURES, name))
+                  for name in ["tone_m1_44k_stereo.mp3", "speech_music_m1_44k_vbr.mp3"]]
         expected = [kavo.convert_bytes(data) for data in inputs]
         barrier = threading.Barrier(2, timeout=30)
         results = [None, None]

@@ -4,20 +4,12 @@
 #include <cmath>
 #include <numbers>
 
-#include "process.h"
-
 namespace kavotest {
 
 namespace {
 
 void put_le(std::string& s, uint32_t v, int bytes) {
     for (int i = 0; i < bytes; ++i) s.push_back(static_cast<char>((v >> (8 * i)) & 0xFF));
-}
-
-uint32_t get_le(const std::string& s, size_t at, int bytes) {
-    uint32_t v = 0;
-    for (int i = bytes - 1; i >= 0; --i) v = v << 8 | static_cast<uint8_t>(s[at + size_t(i)]);
-    return v;
 }
 
 }  // namespace
@@ -31,7 +23,8 @@ std::string pcm_bytes(const Samples& samples) {
 Samples s16(const std::string& bytes, size_t offset) {
     Samples out;
     for (size_t i = offset; i + 1 < bytes.size(); i += 2) {
-        out.push_back(static_cast<int16_t>(get_le(bytes, i, 2)));
+        out.push_back(static_cast<int16_t>(static_cast<uint8_t>(bytes[i]) |
+                                           static_cast<uint8_t>(bytes[i + 1]) << 8));
     }
     return out;
 }
@@ -41,13 +34,9 @@ std::string wav_header(uint32_t data_size, int channels, uint32_t rate) {
     std::string h = "RIFF";
     put_le(h, data_size + 36, 4);
     h += "WAVEfmt ";
-    put_le(h, 16, 4);
-    put_le(h, 1, 2);
-    put_le(h, ch, 2);
-    put_le(h, rate, 4);
-    put_le(h, rate * 2 * ch, 4);
-    put_le(h, 2 * ch, 2);
-    put_le(h, 16, 2);
+    const std::pair<uint32_t, int> fmt[] = {{16, 4}, {1, 2}, {ch, 2}, {rate, 4}, {rate * 2 * ch, 4},
+                                            {2 * ch, 2}, {16, 2}};
+    for (const auto& [value, bytes] : fmt) put_le(h, value, bytes);
     h += "data";
     put_le(h, data_size, 4);
     return h;
@@ -56,22 +45,6 @@ std::string wav_header(uint32_t data_size, int channels, uint32_t rate) {
 std::string wav_bytes(const Samples& interleaved, int channels, uint32_t rate) {
     return wav_header(static_cast<uint32_t>(interleaved.size() * 2), channels, rate) +
            pcm_bytes(interleaved);
-}
-
-Wav read_wav(const std::string& path) {
-    const std::string s = read_file(path);
-    Wav w;
-    w.file_size = s.size();
-    if (s.size() < 44) return w;
-    w.riff = get_le(s, 4, 4);
-    w.channels = static_cast<int>(get_le(s, 22, 2));
-    w.rate = get_le(s, 24, 4);
-    w.byte_rate = get_le(s, 28, 4);
-    w.block_align = static_cast<int>(get_le(s, 32, 2));
-    w.bits = static_cast<int>(get_le(s, 34, 2));
-    w.data_size = get_le(s, 40, 4);
-    w.samples = s16(s, 44);
-    return w;
 }
 
 Samples sine(size_t n, double freq, double rate, double amp, int channels) {

@@ -1,5 +1,5 @@
-// Test support for audio: 16-bit samples and WAV files (made and read back), tones, and an
-// independent walk over MPEG audio frames.
+// Test support for audio: 16-bit samples, WAV files and tones, and an independent walk over
+// MPEG audio frames.
 #pragma once
 
 #include <cstddef>
@@ -15,14 +15,6 @@ std::string pcm_bytes(const Samples& samples);                 // little-endian 
 Samples s16(const std::string& bytes, size_t offset = 0);      // the reverse, from offset on
 std::string wav_header(uint32_t data_size, int channels, uint32_t rate);  // the plain 44 bytes
 std::string wav_bytes(const Samples& interleaved, int channels, uint32_t rate);
-
-struct Wav {
-    uint32_t riff = 0, rate = 0, byte_rate = 0, data_size = 0;
-    int channels = 0, block_align = 0, bits = 0;
-    Samples samples;  // everything after the 44-byte header
-    size_t file_size = 0;
-};
-Wav read_wav(const std::string& path);
 
 // n frames of a sine of the given frequency and amplitude, the same on every channel.
 Samples sine(size_t n, double freq, double rate, double amp, int channels = 1);

@@ -19,18 +19,18 @@ namespace kavotest {
 
 namespace fs = std::filesystem;
 
-ProcessResult run_process(const std::vector<std::string>& argv, const std::string& cwd) {
-    // What the child prints goes to two unlinked temporary files, read back once it has ended.
-    FILE* out = std::tmpfile();
-    FILE* err = std::tmpfile();
-    if (out == nullptr || err == nullptr) throw std::runtime_error("tmpfile failed");
+namespace {
+
+// Forks argv[0] in cwd with standard output and error on the given descriptors.
+pid_t spawn(const std::vector<std::string>& argv, const std::string& cwd, int out, int err) {
     const pid_t pid = fork();
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
-        dup2(fileno(out), 1);
-        dup2(fileno(err), 2);
-        close(fileno(out));
-        close(fileno(err));
+        dup2(out, 1);
+        dup2(err, 2);
+        for (int fd : {out, err}) {
+            if (fd > 2) close(fd);
+        }
         if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
         std::vector<char*> args;
         for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
@@ -38,35 +38,31 @@ ProcessResult run_process(const std::vector<std::string>& argv, const std::strin
         execv(args[0], args.data());
         _exit(127);
     }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    return pid;
+}
+
+}  // namespace
+
+ProcessResult run_process(const std::vector<std::string>& argv, const std::string& cwd) {
+    // What the child prints goes to two unlinked temporary files, read back once it has ended.
+    FILE* out = std::tmpfile();
+    FILE* err = std::tmpfile();
+    if (out == nullptr || err == nullptr) throw std::runtime_error("tmpfile failed");
     ProcessResult result;
+    result.exit_code = wait_process(spawn(argv, cwd, fileno(out), fileno(err)));
     for (auto [file, sink] : {std::pair{out, &result.out}, std::pair{err, &result.err}}) {
         std::rewind(file);
         char buffer[65536];
         for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, file)) > 0;) sink->append(buffer, n);
         std::fclose(file);
     }
-    if (WIFEXITED(status)) result.exit_code = WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) result.exit_code = 128 + WTERMSIG(status);
     return result;
 }
 
 int start_process(const std::vector<std::string>& argv, const std::string& cwd) {
-    const pid_t pid = fork();
-    if (pid < 0) throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        const int null = open("/dev/null", O_WRONLY);
-        dup2(null, 1);
-        dup2(null, 2);
-        if (chdir(cwd.c_str()) != 0) _exit(126);
-        std::vector<char*> args;
-        for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
+    const int null = open("/dev/null", O_WRONLY);
+    const pid_t pid = spawn(argv, cwd, null, null);
+    close(null);
     return pid;
 }
 
@@ -77,20 +73,14 @@ int wait_process(int pid) {
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-ProcessResult run_kavo(const std::vector<std::string>& args, const std::string& cwd) {
-    std::vector<std::string> argv = {KAVO_CLI_PATH};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return run_process(argv, cwd);
+ProcessResult run_kavo(std::vector<std::string> args, const std::string& cwd) {
+    args.insert(args.begin(), KAVO_CLI_PATH);
+    return run_process(args, cwd);
 }
 
-ProcessResult run_host(const std::vector<std::string>& args, const std::string& cwd) {
-    std::vector<std::string> argv = {KAVO_C_HOST_PATH};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return run_process(argv, cwd);
-}
-
-ProcessResult run_sh(const std::string& command, const std::string& cwd) {
-    return run_process({"/bin/sh", "-c", command}, cwd);
+ProcessResult run_host(std::vector<std::string> args, const std::string& cwd) {
+    args.insert(args.begin(), KAVO_C_HOST_PATH);
+    return run_process(args, cwd);
 }
 
 TempDir::TempDir() {
@@ -106,16 +96,12 @@ TempDir::~TempDir() {
 
 std::vector<std::string> TempDir::entries_of(const std::string& path) {
     std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(path)) {
-        names.push_back(entry.path().filename().string());
-    }
+    for (const auto& entry : fs::directory_iterator(path)) names.push_back(entry.path().filename());
     std::sort(names.begin(), names.end());
     return names;
 }
 
-InDir::InDir(const std::string& dir) : old_(fs::current_path().string()) {
-    fs::current_path(dir);
-}
+InDir::InDir(const std::string& dir) : old_(fs::current_path().string()) { fs::current_path(dir); }
 
 InDir::~InDir() {
     std::error_code ignored;
@@ -128,11 +114,8 @@ std::string read_file(const std::string& path) {
 }
 
 void write_file(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size()));
 }
-
-bool file_exists(const std::string& path) { return fs::exists(path); }
 
 std::string fixture(const std::string& name) { return std::string(KAVO_FIXTURES_DIR) + "/" + name; }
 

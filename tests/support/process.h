@@ -15,15 +15,13 @@ struct ProcessResult {
 
 // Runs argv[0] with the given arguments in directory cwd (empty: the current one).
 ProcessResult run_process(const std::vector<std::string>& argv, const std::string& cwd = {});
-// The kavo command, the C host (INPUT OUTPUT GAIN [USER]) and `sh -c` in cwd.
-ProcessResult run_kavo(const std::vector<std::string>& args, const std::string& cwd = {});
-ProcessResult run_host(const std::vector<std::string>& args, const std::string& cwd);
-ProcessResult run_sh(const std::string& command, const std::string& cwd);
+// The kavo command, and the C host (INPUT OUTPUT GAIN [USER]), in cwd.
+ProcessResult run_kavo(std::vector<std::string> args, const std::string& cwd = {});
+ProcessResult run_host(std::vector<std::string> args, const std::string& cwd);
 
 // Starts argv[0] in directory cwd with its output discarded, for a test that signals it;
-// returns its process id.
+// returns its process id. wait_process gives its exit code, or 128 + the ending signal.
 int start_process(const std::vector<std::string>& argv, const std::string& cwd);
-// Waits for a started process: its exit code, or 128 + the signal that ended it.
 int wait_process(int pid);
 
 // A fresh directory under the system's temporary directory, removed on destruction.
@@ -57,7 +55,6 @@ private:
 
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes);
-bool file_exists(const std::string& path);
 std::string fixture(const std::string& name);      // path of a committed fixture
 std::string conformance(const std::string& name);  // path below the conformance folder
 
