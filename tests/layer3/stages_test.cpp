@@ -73,9 +73,10 @@ void PrintTo(const LsfCase& c, std::ostream* os) {
 
 class LsfScaleFactors : public testing::TestWithParam<LsfCase> {};
 
-// The intensity-coded right channel (rows 3 to 5 of partitions: c = s / 2, intensity_scale =
-// s & 1, no preflag) in every block kind, with a different length in each partition. (Rows 0
-// to 2 are read from every MPEG-2 conformance stream.)
+// The right channel's partitions in every block kind, with a different length in each
+// partition: ordinary coding (rows 0 to 2 by scalefac_compress, preflag from row 2 on, the
+// intensity scale untouched) and intensity coding (rows 3 to 5: c = s / 2, intensity_scale =
+// s & 1, no preflag). The conformance streams never reach rows 1 and 2.
 TEST_P(LsfScaleFactors, ReadThePartitionsOfTheRow) {
     const LsfCase& c = GetParam();
     auto state = fresh_state(1, 0);
@@ -96,9 +97,10 @@ TEST_P(LsfScaleFactors, ReadThePartitionsOfTheRow) {
     BitReader r = w.reader();
     read_scale_factors(*state, r, header_of(kVersionMpeg2, 1, c.mode_ext), 0, 1);
     EXPECT_EQ(bits_moved(r), w.bit);
-    EXPECT_EQ(g.preflag, 0u);
+    const bool intensity = (c.mode_ext & 1) != 0;
+    EXPECT_EQ(g.preflag, !intensity && c.scalefac_compress >= 500 ? 1u : 0u);
     const ScaleFactors& sf = state->scale_factors;
-    EXPECT_EQ(sf.intensity_scale, c.scalefac_compress & 1);
+    EXPECT_EQ(sf.intensity_scale, intensity ? c.scalefac_compress & 1 : 7u);
     if (c.block_type != 2) {
         for (int b = 0; b < 21; ++b) EXPECT_EQ(sf.l[1][b], values[static_cast<size_t>(b)]) << b;
         EXPECT_EQ(sf.l[1][21], 0u);
@@ -122,6 +124,14 @@ std::vector<int> repeat(std::initializer_list<std::pair<int, int>> runs) {
 INSTANTIATE_TEST_SUITE_P(
     Rows, LsfScaleFactors,
     testing::Values(
+        // row 0 for s < 400: s = 80 l0 + 16 l1 + 4 l2 + l3
+        LsfCase{189, 0, 2, 0, repeat({{9, 2}, {9, 1}, {9, 3}, {9, 1}})},
+        // row 1 for s < 500: s - 400 = 20 l0 + 4 l1 + l2
+        LsfCase{431, 0, 0, 0, repeat({{6, 1}, {5, 2}, {7, 3}, {3, 0}})},
+        LsfCase{499, 0, 2, 1, repeat({{6, 4}, {9, 4}, {12, 3}, {6, 0}})},
+        // row 2 from s = 500: s - 500 = 3 l0 + l1
+        LsfCase{500, 0, 0, 0, repeat({{11, 0}, {10, 0}})},
+        LsfCase{507, 0, 2, 0, repeat({{18, 2}, {18, 1}})},
         // row 3 for c < 180
         LsfCase{103, 1, 0, 0, repeat({{7, 1}, {7, 2}, {7, 3}})},
         LsfCase{103, 3, 2, 0, repeat({{12, 1}, {12, 2}, {12, 3}})},
