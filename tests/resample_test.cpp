@@ -235,6 +235,10 @@ TEST(Engine, LinearModeInterpolatesBetweenNeighbours) {
               }),
               8000);
     for (int k = 0; k < 8000; ++k) ASSERT_EQ(out[static_cast<size_t>(k)], k * 2) << k;
+    // Factor 7: one block would give more than OUTBUFFSIZE frames.
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(runEngine(ramp, 1, out, [&](int n) { return resample(7.0, n, 42000, 1, 1, 1, 1, "", nullptr, 0); }), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "resample: Output array overflow \n\n");
 }
 
 // ---------------------------------------------------------------- filter files

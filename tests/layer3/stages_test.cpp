@@ -191,13 +191,32 @@ TEST(Huffman, IntensityBoundOfAMixedBlock) {
 
 // ---- requantisation, reorder, stereo ---------------------------------------------------------
 
-TEST(Requantise, SignedPowersAndMagnitudesBeyondTheTable) {
+TEST(Requantise, SignedPowersBeyondTheTableAndLargeGains) {
     auto state = fresh_state();
     EXPECT_EQ(signed_pow43(*state, -8.0), -state->pow43[8]);
     EXPECT_NEAR(signed_pow43(*state, -8.0), -16.0, 1e-14);
     EXPECT_EQ(signed_pow43(*state, 0.0), 0.0);
     EXPECT_EQ(signed_pow43(*state, 8206.0), std::pow(8206.0, 4.0 / 3.0));
     EXPECT_EQ(signed_pow43(*state, -8192.0), -std::pow(8192.0, 4.0 / 3.0));
+    // Gains above 1: global_gain over 210.
+    EXPECT_EQ(long_band_gain(218, 0, 0, 0, 0), 4.0);
+    EXPECT_DOUBLE_EQ(long_band_gain(255, 0, 0, 0, 0), std::pow(2.0, 11.25));
+}
+
+// A mixed block at 8 kHz: the long part copied, and the lines past the short bands' layout
+// (540 on) set to zero whatever the buffer held.
+TEST(Reorder, MixedBlockAtEightKilohertzEndsInZeros) {
+    auto state = fresh_state(2, 2);
+    GranuleInfo& g = state->side_info.gr[0][0];
+    g.block_type = 2;
+    g.mixed_block_flag = 1;
+    for (int i = 0; i < 576; ++i) state->spectrum[i] = i + 1;
+    std::vector<double> dst(576, -1.0);
+    reorder(*state, 0, 0, dst.data());
+    for (int i = 0; i < 576; ++i) {
+        const double v = dst[static_cast<size_t>(i)];
+        EXPECT_TRUE(i < 36 ? v == i + 1 : i < 540 ? v > 36 : v == 0.0) << i << ": " << v;
+    }
 }
 
 struct StereoFixture {
