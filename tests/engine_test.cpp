@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
@@ -123,9 +124,7 @@ TEST_P(SameAsKavo, EngineGivesKavosBytesOrRefusesWhatKavoDiesOn) {
 INSTANTIATE_TEST_SUITE_P(AllInputs, SameAsKavo, testing::ValuesIn(all_inputs()),
                          [](const testing::TestParamInfo<std::string>& input) {
                              std::string name = fs::path(input.param).filename().string();
-                             for (char& c : name) {
-                                 if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
-                             }
+                             std::replace_if(name.begin(), name.end(), [](unsigned char c) { return !std::isalnum(c); }, '_');
                              return name;
                          });
 
