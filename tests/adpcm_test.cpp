@@ -1,5 +1,5 @@
 // The ADPCM coder and its output stage: the coder, its block form and the decoder against a
-// literal rendering of the coding steps over long signals; the gain's wrap; the packed file
+// literal rendering of the coding steps over one long signal; the gain's wrap; the packed file
 // (lengths, nibble order, WAV and raw inputs, odd headers, progress values, the data copy,
 // failures).
 #include <gtest/gtest.h>
