@@ -1,5 +1,5 @@
 // The exported entry as a host program sees it: refusals and the result record, and the
-// message routine's fatal kind. (The console text of accepted calls is pinned by the whole-conversion
+// message routine. (The console text of accepted calls is pinned by the whole-conversion
 // transcripts; the symbols the library exports are checked on the installed library.)
 #include <gtest/gtest.h>
 
@@ -45,4 +45,16 @@ TEST(EntryRefusals, StatusesComeInTheirOrderWithVersionAndNoTrace) {
 TEST(ReportMessage, FatalKindPrintsAndExitsWithOne) {
     EXPECT_EXIT(kavolib::report_message("decode: test failure\n", kavolib::kMessageFatal),
                 testing::ExitedWithCode(1), "\nFATAL ERROR: decode: test failure\n");
+}
+
+TEST(ReportMessage, WarningsAreSilentUntilVerbosityIsRaised) {
+    testing::internal::CaptureStderr();
+    kavolib::report_message("decode: quiet\n", kavolib::kMessageWarning);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+    kavolib::verbosity = 1;
+    testing::internal::CaptureStderr();
+    kavolib::report_message("decode: heard\r", 2);
+    kavolib::verbosity = 0;
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "\nWARNING: decode: heard\r");
 }

@@ -1,10 +1,11 @@
-// The frame layer: peeks across the buffer's end against a plain bit walk, the CRC table,
-// header decoding (every version, layer, bitrate and rate against an independent frame-length
-// rule) through the codec command, and frame synchronisation after a corrupt header. (Reads
-// are compared with the 64-bit reads by the Huffman tests; the CRC register, the input read, a
-// cut final frame, garbage, tags, free format and the printed header lines are covered by the
-// fixtures, their golden transcripts and the conformance streams.)
+// The frame layer: peeks across the buffer's end against a plain bit walk, the CRC table and
+// register, header decoding (every version, layer, bitrate and rate against an independent
+// frame-length rule) through the codec command, the command's other requests, and frame
+// synchronisation after a corrupt header. (Reads are compared with the 64-bit reads by the
+// Huffman tests; the input read, a cut final frame, garbage, tags, free format and the printed
+// header lines are covered by the fixtures, their golden transcripts and the conformance streams.)
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -65,11 +66,20 @@ TEST(BitReader, PeeksMatchAPlainBitWalkAcrossTheWrap) {
     }
 }
 
-TEST(Crc16, TableFollowsTheGeneratorBitByBit) {
+TEST(Crc16, TableAndRegisterFollowTheGeneratorBitByBit) {
     for (uint32_t i = 0; i < 256; ++i) {
         const auto byte = static_cast<uint8_t>(i);
         ASSERT_EQ(kCrcTable[i], reference_crc(0, &byte, 1)) << i;
     }
+
+    StreamBuffer buffer{};
+    BitReader reader{};
+    std::memcpy(buffer.bytes + 10, "abc", 3);
+    reader.crc = 0xFFFF;
+    crc_calc_byte(reader, buffer.bytes, 10, 0, 3);
+    EXPECT_EQ(reader.crc, 0x44D8u);
+    crc_calc_byte(reader, buffer.bytes, 10, 0, 0);
+    EXPECT_EQ(reader.crc, 0x44D8u) << "a count of 0 changes nothing";
 }
 
 TEST(Crc16DeathTest, UnalignedStartIsFatal) {
@@ -169,5 +179,35 @@ TEST(FrameSync, ACorruptHeaderMidStreamCostsAtLeastTwoFrames) {
         const size_t k = first + i - 3;
         const size_t end = k + 1 < starts.size() ? starts[k + 1] : mp3.size();
         EXPECT_EQ(frames[i], static_cast<int64_t>(end)) << i;
+    }
+}
+
+TEST(CodecCommand, ResetEchoUnknownAndHeaderFailure) {
+    int anything = 0;
+    StreamBuffer buffer{};
+    HeaderJob job{BitPosition{buffer.bytes, 0, 0}, 0, 0};
+    const auto outcome = [](const CodecResult& r) { return std::make_tuple(r.status, r.error, r.result); };
+    EXPECT_EQ(outcome(codec_command({0, 0, nullptr})), std::make_tuple(1, 0, nullptr));
+    EXPECT_EQ(outcome(codec_command({7, 5, &anything})), std::make_tuple(7, 5, static_cast<void*>(&anything)));
+    EXPECT_EQ(outcome(codec_command({1, 0, &job})), std::make_tuple(1, 1, static_cast<void*>(&job)));
+    for (int32_t command : {8, -1, 1000, INT32_MIN}) {
+        EXPECT_EQ(outcome(codec_command({command, 3, &anything})), std::make_tuple(-1, -1, nullptr));
+    }
+}
+
+TEST(CodecCommandDeathTest, ReservedCommandsEndTheProcessWithTheirMessage) {
+    const std::pair<int32_t, const char*> reserved[] = {
+        {2, "Layer 1 decode under construction!!!"},
+        {3, "Layer 2 decode under construction!!!"},
+        {5, "Layer 1 encode under construction!!!"},
+        {6, "Layer 2 encode under construction!!!"}};
+    for (const auto& [command, message] : reserved) {
+        // The message goes to standard output; the death test watches standard error.
+        EXPECT_EXIT(
+            {
+                dup2(2, 1);
+                codec_command(CodecRequest{command, 0, nullptr});
+            },
+            testing::ExitedWithCode(1), message);
     }
 }

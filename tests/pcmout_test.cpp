@@ -1,5 +1,5 @@
 // The decoded-PCM file: sample conversion at its edges, the choice of form by name, the WAV
-// header and the text form, and the fatal conditions of opening the files.
+// header and the text form, the statistics lines, and the fatal conditions of opening the files.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -124,6 +124,28 @@ TEST(DecodedFile, WavHeaderAndTextForm) {
     const std::string text = write_through(dir, "out.txt", {{pcm, 2}}, 44100);
     ASSERT_EQ(text.size(), 1152u * 7u);
     EXPECT_EQ(text.substr(0, 35), "7fffff\n800000\nffffff\n200000\n000000\n");
+}
+
+TEST(DecodeStatistics, FramesTimeAndSpeed) {
+    const struct {
+        int64_t frames;
+        int32_t granules, rate;
+        int64_t elapsed;
+        const char* expected;
+    } cases[] = {
+        // 2 x 1000 x 576 / 44100 = 26.1 s of audio, truncated to 26.
+        {1000, 2, 44100, 52, "  1000 frames processed\n\nDecoding time=00:52, Speedup=2.000000\n"},
+        {100, 1, 8000, 3725, "  100 frames processed\n\nDecoding time=02:05, Speedup=532.142857\n"},
+        // Less than a second of audio: the tiny constant keeps the division finite; nothing
+        // ever delivered (rate 0): no audio, the speed figure is 0.
+        {1, 1, 8000, 5, "  1 frames processed\n\nDecoding time=00:05, Speedup=5000000000000.000000\n"},
+        {0, 0, 0, 5, "  0 frames processed\n\nDecoding time=00:05, Speedup=0.000000\n"},
+    };
+    for (const auto& c : cases) {
+        testing::internal::CaptureStderr();
+        print_decode_statistics(c.frames, c.granules, c.rate, c.elapsed);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), c.expected);
+    }
 }
 
 TEST(DecodedFileDeathTest, OpeningFailuresAreFatalWithTheirMessages) {
