@@ -327,6 +327,8 @@ TEST_F(StageTest, AgreesWithSoxOnAMixOfTones) {
     }
     write_file("in.wav", wav_bytes(in, 1, 44100));
     resample_to_8k("in.wav", "ours.wav", 1, nullptr, 0);
+    const std::string out = read_file("ours.wav");
+    EXPECT_EQ(out.substr(0, 44), wav_header(static_cast<uint32_t>(out.size() - 44), 1, 8000));
     const auto sox = run_process({"/usr/bin/env", "sox", "in.wav", "-r", "8000", "sox.wav"}, dir_.path());
     if (sox.exit_code != 0) GTEST_SKIP() << "sox is not available: " << sox.err;
     const Samples ours = s16(read_file("ours.wav"), 44);

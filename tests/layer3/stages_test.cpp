@@ -18,13 +18,14 @@ using namespace kavolib;
 
 namespace {
 
-// Writes bits most significant first into a stream buffer from its first byte.
+// Writes bits most significant first into a stream buffer from bit `first`, wrapping at its end.
 struct BitWriter {
     StreamBuffer stream{};
-    int64_t bit = 0;
+    int64_t first = 0;
+    int64_t bit = first;
     void put(uint32_t value, int n) {
         for (int i = n - 1; i >= 0; --i) {
-            const auto index = static_cast<size_t>(bit / 8);
+            const auto index = static_cast<size_t>(bit / 8 % kStreamBufferSize);
             const int shift = 7 - static_cast<int>(bit % 8);
             stream.bytes[index] = static_cast<uint8_t>((stream.bytes[index] & ~(1 << shift)) |
                                                        (((value >> i) & 1u) << shift));
@@ -34,7 +35,9 @@ struct BitWriter {
     void put_code(const char* bits) {
         for (const char* p = bits; *p != 0; ++p) put(*p == '1' ? 1u : 0u, 1);
     }
-    BitReader reader() { return BitReader{BitPosition{stream.bytes, 0, 0}, 0}; }
+    BitReader reader() {
+        return BitReader{BitPosition{stream.bytes, static_cast<int32_t>(first % 8), static_cast<int32_t>(first / 8)}, 0};
+    }
 };
 
 int64_t bits_moved(const BitReader& r) { return r.cursor.byte_index * 8 + r.cursor.bit_offset; }
@@ -165,6 +168,44 @@ TEST(Huffman, OutOfFormatCountsStayInsideTheSpectrum) {
     huffman_decode(*state, r, 0, 0);
     EXPECT_EQ(bits_moved(r), 0);
     for (int i = 0; i < 576; ++i) ASSERT_EQ(state->spectrum[i], 0.0);
+}
+
+// Pairs are read for all of big_values even when part2_3_length is long overrun: 288 pairs of
+// table 31's longest code word (both values escaped by 13 bits, both negative) in regions of
+// 18, 37 and 233 pairs, under a length of 0, from near the buffer's end. Every byte the pairs
+// read must be taken across the wrap, whichever region holds them.
+TEST(Huffman, PairsOfTheLongestCodeWordsFarPastTheGranulesLength) {
+    const HuffmanTable& table = kHuffmanTables[31];
+    const auto value_bits = [&](uint32_t v) { return (v == 15 ? table.linbits : 0) + (v != 0 ? 1 : 0); };
+    const auto total = [&](uint32_t e) { return ((e >> 8) & 31u) + value_bits((e >> 4) & 15u) + value_bits(e & 15u); };
+    uint32_t longest = table.codes[0];
+    for (int32_t e = 1; e < table.count; ++e) {
+        if (total(table.codes[e]) > total(longest)) longest = table.codes[e];
+    }
+    const auto length = static_cast<int>((longest >> 8) & 31u);
+    BitWriter w{{}, (kStreamBufferSize - 40) * 8 + 3};
+    for (int pair = 0; pair < 288; ++pair) {
+        w.put(longest >> (32 - length), length);
+        for (uint32_t v : {(longest >> 4) & 15u, longest & 15u}) {
+            if (v == 15) w.put((1u << table.linbits) - 1, table.linbits);
+            if (v != 0) w.put(1, 1);
+        }
+    }
+    auto state = fresh_state();
+    GranuleInfo& g = state->side_info.gr[0][0];
+    g.big_values = 288;
+    g.table_select[0] = g.table_select[1] = g.table_select[2] = 31;
+    g.region0_count = 7;  // to line 36 at 44.1 kHz
+    g.region1_count = 5;  // to line 110
+    BitReader r = w.reader();
+    state->part2_start = r.cursor;
+    huffman_decode(*state, r, 0, 0);
+    const auto line = [&](uint32_t v) { return -static_cast<double>(v == 15 ? v + (1u << table.linbits) - 1 : v); };
+    // The overrun gives up the last four lines.
+    for (int i = 0; i < 572; i += 2) {
+        ASSERT_EQ(state->spectrum[i], line((longest >> 4) & 15u)) << i;
+        ASSERT_EQ(state->spectrum[i + 1], line(longest & 15u)) << i;
+    }
 }
 
 // A mixed block whose only nonzero line is 20 (table 1, pair (1, 0)): the short windows' bounds
