@@ -127,6 +127,12 @@ TEST(CliConvert, OneFileTalksLikeACommandLineTool) {
         }
         EXPECT_EQ(dir.entries(), expected) << label << ": nothing else may be left behind";
     }
+    // A stream that changes rate is described by its first frame, and says how it is decoded.
+    TempDir dir;
+    write_file(dir.file("mixed.mp3"), fixture("corner_44k_then_48k.mp3"));
+    EXPECT_EQ(run_kavo({"convert", "-v", "mixed.mp3", "out.adpcm"}, dir.path()).err,
+              "mixed.mp3: MPEG-1 Layer III, 44100 Hz, mono, 64 kbit/s, 24 frames, 0.58 s; decoded "
+              "as 48000 Hz mono\nwrote 'out.adpcm': 2240 bytes, 0.56 s\n");
 }
 
 // Every fixture in one batch on two threads at gain 0.5: each output equals kavo()'s for that
