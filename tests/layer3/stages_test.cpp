@@ -279,10 +279,15 @@ TEST(Stereo, Mpeg1PositionsAboveSixAreNotIntensityCoded) {
     f.state->intensity_bound[0] = 0;
     for (uint32_t& v : f.state->scale_factors.l[1]) v = 12;
     f.state->scale_factors.l[1][0] = 6;
+    f.state->scale_factors.l[1][20] = 0;  // band 20 (lines 342 to 417) and the lines above it
     stereo_process(*f.state, header_of(kVersionMpeg1, 1, 3), 0, f.left, f.right);
     EXPECT_EQ(f.left[0], 1.0);  // position 6: left keeps all
     EXPECT_EQ(f.right[0], 0.0);
     EXPECT_EQ(f.left[100], ((0.5 - 100) + 101.0) * 0.7071067811865476);  // 12: middle/side
+    for (int i : {342, 417, 418, 575}) {
+        EXPECT_EQ(f.left[i], 0.0) << i;  // position 0: right takes all
+        EXPECT_EQ(f.right[i], 1.0 + i) << i;
+    }
 }
 
 TEST(Stereo, Mpeg2IntensityPositions) {
