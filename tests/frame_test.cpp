@@ -1,9 +1,10 @@
-// The frame layer: peeks across the buffer's end against a plain bit walk, the CRC table and
-// register, header decoding (every version, layer, bitrate and rate against an independent
-// frame-length rule) through the codec command, the command's other requests, and frame
-// synchronisation after a corrupt header. (Reads are compared with the 64-bit reads by the
-// Huffman tests; the input read, a cut final frame, garbage, tags, free format and the printed
-// header lines are covered by the fixtures, their golden transcripts and the conformance streams.)
+// The frame layer: peeks across the buffer's end against a plain bit walk and the warning of a
+// read longer than 24 bits, the CRC table and register, header decoding (every version, layer,
+// bitrate and rate against an independent frame-length rule) through the codec command, the
+// command's other requests, and frame synchronisation after a corrupt header. (Reads are
+// compared with the 64-bit reads by the Huffman tests; the input read, a cut final frame,
+// garbage, tags, free format and the printed header lines are covered by the fixtures, their
+// golden transcripts and the conformance streams.)
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include "frame/codec.h"
 #include "frame/frame_header.h"
 #include "frame/frame_sync.h"
+#include "platform/report_message.h"
 #include "audio.h"
 #include "process.h"
 
@@ -51,7 +53,7 @@ CodecResult check_header(const std::vector<uint8_t>& bytes, int32_t free_length 
 
 // Peeks of every width at every offset across the buffer's end against a plain bit walk (the
 // decoder's own reads seldom need a peek's fourth byte).
-TEST(BitReader, PeeksMatchAPlainBitWalkAcrossTheWrap) {
+TEST(BitReader, PeeksMatchAPlainBitWalkAcrossTheWrapAndLongReadsWarn) {
     StreamBuffer buffer{};
     for (size_t i = 0; i < sizeof buffer.bytes; ++i) buffer.bytes[i] = static_cast<uint8_t>(i * 7919 >> 3);
     for (int64_t start = 1914 * 8; start < 1922 * 8; ++start) {
@@ -64,6 +66,16 @@ TEST(BitReader, PeeksMatchAPlainBitWalkAcrossTheWrap) {
             ASSERT_EQ(bitunp_peek(reader, n), expected) << start << " n=" << n;
         }
     }
+    // Items of up to 24 bits are read silently; a longer one warns while warnings are shown.
+    BitReader reader{BitPosition{buffer.bytes, 0, 0}, 0};
+    verbosity = 1;
+    for (int n : {24, 25}) {
+        testing::internal::CaptureStderr();
+        bitunp_rj(reader, n);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  n == 24 ? "" : "\nWARNING: upk_subs: bitunp_rj unpack items longer than 24 bits\n");
+    }
+    verbosity = 0;
 }
 
 TEST(Crc16, TableAndRegisterFollowTheGeneratorBitByBit) {

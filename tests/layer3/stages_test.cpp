@@ -129,6 +129,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         // row 0 for s < 400: s = 80 l0 + 16 l1 + 4 l2 + l3
         LsfCase{189, 0, 2, 0, repeat({{9, 2}, {9, 1}, {9, 3}, {9, 1}})},
+        LsfCase{189, 0, 2, 1, repeat({{6, 2}, {9, 1}, {9, 3}, {9, 1}})},
         // row 1 for s < 500: s - 400 = 20 l0 + 4 l1 + l2
         LsfCase{431, 0, 0, 0, repeat({{6, 1}, {5, 2}, {7, 3}, {3, 0}})},
         LsfCase{450, 0, 2, 0, repeat({{9, 2}, {9, 2}, {12, 2}, {6, 0}})},
