@@ -1,7 +1,7 @@
 // The ADPCM coder and its output stage: the coder, its block form and the decoder against a
 // literal rendering of the coding steps over one long signal; the gain's wrap; the packed file
-// (lengths, nibble order, WAV and raw inputs, odd headers, progress values, the data copy,
-// failures).
+// (lengths, nibble order, WAV and raw inputs, its expansion back to the coder's samples, odd
+// headers, progress values, the data copy, failures).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -269,7 +269,7 @@ TEST(ApplyGain, TruncatesTowardZeroAndWrapsInSixteenBits) {
 // WAV and raw inputs of the same samples give the same 80 bytes per whole frame, the core's
 // codes two to a byte, the earlier in the low nibble; a trailing partial frame is dropped.
 TEST(AdpcmFile, TheCoresCodesPackedForEveryWholeFrameFromWavOrRaw) {
-    const std::pair<int, int> sizes[] = {{0, 0}, {0, 100}, {1, 0}, {1, 100}, {7, 0}, {50, 318}};
+    const std::pair<int, int> sizes[] = {{0, 0}, {0, 100}, {1, 0}, {1, 100}, {7, 0}, {60, 318}};
     for (const auto& [frames, extra] : sizes) {
         Lcg r{uint32_t(frames * 7 + extra)};
         Samples s(size_t(frames * 160 + extra / 2));
@@ -280,11 +280,20 @@ TEST(AdpcmFile, TheCoresCodesPackedForEveryWholeFrameFromWavOrRaw) {
         AdpcmState st;
         adpcm_init(st);
         std::string packed;
+        Samples reconstructed;
         for (size_t i = 0; i + 1 < size_t(frames) * 160; i += 2) {
             const int lo = adpcm_encode_sample(st, s[i]);
+            reconstructed.push_back(st.sr1);
             packed.push_back(static_cast<char>(lo | adpcm_encode_sample(st, s[i + 1]) << 4));
+            reconstructed.push_back(st.sr1);
         }
         EXPECT_EQ(from_wav, packed) << frames << " frames and " << extra << " bytes";
+        // Expanded (60 frames are more than one of the expander's reads), each sample is the one
+        // the coder reconstructed.
+        TempDir dir;
+        write_file(dir.file("codes"), packed);
+        ASSERT_EQ(adpcm_expand_file(dir.file("codes").c_str(), dir.file("codes.wav").c_str()), "");
+        EXPECT_TRUE(read_file(dir.file("codes.wav")) == wav_bytes(reconstructed, 1, 8000)) << frames;
     }
 }
 
