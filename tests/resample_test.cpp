@@ -3,10 +3,12 @@
 // rounding, the failure exits) and a comparison with sox. (Headers, frame counts, progress
 // and the output of the stages at every rate are pinned by the whole-conversion golden files.)
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -374,6 +376,23 @@ TEST_F(StageDeathTest, InputsTheStagesCannotConvertEndTheProcessWithCodeOne) {
         EXPECT_EXIT(resample_to_8k(name, "out.wav", 1, nullptr, 0), testing::ExitedWithCode(1), "") << name;
     }
     EXPECT_EXIT(resample_to_8k("zero-rate.wav", "o.wav", 1, nullptr, 0), testing::ExitedWithCode(1), "frame rate");
+    // The most frames an int holds (2^31 - 1 one-byte frames at 8000 Hz) are converted: the stage
+    // writes until it meets a file-size limit of 64 kB. At 7999 Hz they would give more output
+    // frames than an int holds.
+    std::string most = wav_bytes({1, 2, 3}, 1, 8000);
+    most.replace(32, 2, std::string("\x01\0", 2));
+    most.replace(40, 4, "\xff\xff\xff\x7f");
+    write_file("most.wav", most);
+    write_file("beyond.wav", most.replace(24, 4, std::string("\x3f\x1f\0\0", 4)));
+    EXPECT_EXIT(resample_to_8k("beyond.wav", "o.wav", 1, nullptr, 0), testing::ExitedWithCode(1), "frame rate");
+    const auto limited = [] {
+        rlimit limit{};
+        limit.rlim_cur = limit.rlim_max = 65536;
+        setrlimit(RLIMIT_FSIZE, &limit);
+        std::signal(SIGXFSZ, SIG_DFL);
+        resample_to_8k("most.wav", "o.wav", 1, nullptr, 0);
+    };
+    EXPECT_EXIT(limited(), testing::KilledBySignal(SIGXFSZ), "");
     // A header-only file mixes to a header-only file.
     mix_to_mono("empty.wav", "mono.wav", nullptr, 0);
     EXPECT_EQ(read_file("mono.wav").size(), 44u);
