@@ -177,7 +177,7 @@ TEST(Huffman, OutOfFormatCountsStayInsideTheSpectrum) {
 // read must be taken across the wrap, whichever region holds them.
 TEST(Huffman, PairsOfTheLongestCodeWordsFarPastTheGranulesLength) {
     const HuffmanTable& table = kHuffmanTables[31];
-    const auto value_bits = [&](uint32_t v) { return (v == 15 ? table.linbits : 0) + (v != 0 ? 1 : 0); };
+    const auto value_bits = [&](uint32_t v) { return (v == 15 ? static_cast<uint32_t>(table.linbits) : 0u) + (v != 0 ? 1u : 0u); };
     const auto total = [&](uint32_t e) { return ((e >> 8) & 31u) + value_bits((e >> 4) & 15u) + value_bits(e & 15u); };
     uint32_t longest = table.codes[0];
     for (int32_t e = 1; e < table.count; ++e) {
