@@ -15,8 +15,11 @@ namespace kavolib {
 namespace {
 Layer3State g_layer3_state;
 
-// x^(4/3) for the table's magnitudes, computed once per process and copied into each state.
-const double* pow43_values() {
+void fill_zero(double* buffer) { std::memset(buffer, 0, sizeof(double) * kGranuleLines); }
+}  // namespace
+
+// x^(4/3) for the table's magnitudes, computed once per process and shared by every state.
+const double* pow43_table() {
     static const auto table = [] {
         auto values = std::make_unique<double[]>(kPow43Size);
         for (size_t i = 0; i < kPow43Size; ++i) {
@@ -27,16 +30,13 @@ const double* pow43_values() {
     return table.get();
 }
 
-void fill_zero(double* buffer) { std::memset(buffer, 0, sizeof(double) * kGranuleLines); }
-}  // namespace
-
 Layer3State& layer3_state() { return g_layer3_state; }
 
 void layer3_reset(Layer3State& state) { state.first_use_done = false; }
 
 void granule_setup(Layer3State& state, const FrameHeader& header, int32_t granule) {
     if (!state.first_use_done) {
-        std::memcpy(state.pow43, pow43_values(), sizeof state.pow43);
+        state.pow43 = pow43_table();
         for (PreviousBlock& previous : state.previous_block) previous = PreviousBlock{};
         state.reservoir_bits = 0;
         state.last_mode = -1;

@@ -31,6 +31,8 @@ void huffman_pairs(BitReader& reader, int32_t slot, double* out, int32_t count);
 int32_t huffman_quad_fast(BitReader& reader, int32_t slot, int32_t values[4]);
 void huffman_decode(Layer3State& state, BitReader& reader, int32_t granule, int32_t channel);
 
+// The process's table of x^(4/3), built on first use; each state points at it.
+const double* pow43_table();
 double signed_pow43(const Layer3State& state, double value);
 double long_band_gain(uint32_t global_gain, uint32_t scalefac_scale, uint32_t scale_factor,
                       int32_t band, uint32_t preflag);

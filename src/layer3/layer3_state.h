@@ -92,7 +92,7 @@ struct Layer3State {
     bool first_use_done;  // cleared by a reset; set by granule_setup
     BitPosition returned_position;
 
-    double pow43[kPow43Size];
+    const double* pow43;  // x^(4/3) of 0 .. kPow43Size-1: the process's one table
 };
 
 }  // namespace kavolib

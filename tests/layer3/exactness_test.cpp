@@ -218,7 +218,7 @@ TEST(FastHuffman, PairsAndQuadruplesMatchTheOneCodeWordForm) {
 // lines: runs of four and the lines after them); magnitudes beyond the table in both.
 TEST(FastRequantise, LongAndShortBlocksMatchEveryLineScaledByBit) {
     auto state = std::make_unique<Layer3State>();
-    for (int i = 0; i < kPow43Size; ++i) state->pow43[i] = std::pow(i, 4.0 / 3.0);
+    state->pow43 = pow43_table();
     std::mt19937 rng(31);
     std::uniform_int_distribution<int> escape(-8206, 8206), line(0, 576), gain(0, 255), factor(0, 15);
     for (int round = 0; round < 390; ++round) {

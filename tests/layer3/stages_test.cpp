@@ -44,7 +44,7 @@ int64_t bits_moved(const BitReader& r) { return r.cursor.byte_index * 8 + r.curs
 
 std::unique_ptr<Layer3State> fresh_state(int row = 0, int rate = 0) {
     auto state = std::make_unique<Layer3State>();
-    for (int i = 0; i < kPow43Size; ++i) state->pow43[i] = std::pow(i, 4.0 / 3.0);
+    state->pow43 = pow43_table();
     state->long_bounds = kLongBandBounds[row][rate];
     state->short_bounds = kShortBandBounds[row][rate];
     return state;
