@@ -137,19 +137,24 @@ public:
     GranuleFeed& operator=(const GranuleFeed&) = delete;
     ~GranuleFeed() { stop(); }
 
-    // Starts the decode thread when asked to and when one can be had.
+    // Starts the decode thread when asked to and when one can be had. The decode on demand
+    // needs one block, the thread a ring of kBlocks; their values are written before being read.
     void start(bool decode_thread) {
 #if KAVO_DECODE_THREAD
-        if (!decode_thread) return;
-        try {
-            thread_ = std::thread(&GranuleFeed::produce, this);
-            threaded_ = true;
-        } catch (const std::system_error&) {
-            threaded_ = false;  // no thread to be had: decode on demand
+        if (decode_thread) {
+            blocks_.reset(new GranuleBlock[kBlocks]);
+            try {
+                thread_ = std::thread(&GranuleFeed::produce, this);
+                threaded_ = true;
+                return;
+            } catch (const std::system_error&) {
+                threaded_ = false;  // no thread to be had: decode on demand
+            }
         }
 #else
         (void)decode_thread;
 #endif
+        if (blocks_ == nullptr) blocks_.reset(new GranuleBlock[1]);
     }
 
     // The next granule's values (valid until the next call) and their count; 0 at the end.
@@ -245,7 +250,7 @@ private:
 #endif
 
     Decoder& decoder_;
-    GranuleBlock blocks_[kBlocks];
+    std::unique_ptr<GranuleBlock[]> blocks_;
     const GranuleBlock* block_ = nullptr;  // the block being read
     int position_ = 0;                      // its next granule
 #if KAVO_DECODE_THREAD
