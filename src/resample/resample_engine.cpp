@@ -190,7 +190,14 @@ int runConversion(ResampleState& s, ResampleIo& io, int inCount, int outCount, i
 }
 
 // Value-initialised: buffers zero, so the history before the first block is silence.
-std::unique_ptr<ResampleState> newState() { return std::make_unique<ResampleState>(); }
+std::unique_ptr<ResampleState> newState(int nChans) {
+    auto state = std::make_unique<ResampleState>();
+    constexpr size_t kOutputLength = OUTBUFFSIZE + 1;
+    state->outputs = std::make_unique<int16_t[]>(static_cast<size_t>(nChans) * kOutputLength);
+    state->output[0] = state->outputs.get();
+    state->output[1] = nChans == 2 ? state->outputs.get() + kOutputLength : nullptr;
+    return state;
+}
 
 void reverseInto(const int16_t* input, int16_t* reversed) {
     for (int q = 0; q < IBUFFSIZE; ++q) reversed[q] = input[IBUFFSIZE - 1 - q];
@@ -202,12 +209,12 @@ int filterBlockTable(const int16_t* input, const int16_t* reversed, int16_t* out
                      TapTable& table) {
     const uint32_t end = timeReg + uint32_t{blockLen} * kOne;
     int count = 0;
+    int32_t sums[256];
     while (timeReg < end && count <= OUTBUFFSIZE) {
-        const int i = static_cast<int>(timeReg >> 15);
-        table.prefetch(timeReg + timeStep);
-        const int32_t both = table.sum(reversed + (IBUFFSIZE - 1 - i), input + i + 1, timeReg);
-        output[count++] = filteredSample(both, 0, scale);
-        timeReg += timeStep;
+        const int wanted = std::min(256, OUTBUFFSIZE + 1 - count);
+        const int made = table.sums(input, reversed + (IBUFFSIZE - 1), timeReg, end, timeStep,
+                                    sums, wanted);
+        for (int k = 0; k < made; ++k) output[count++] = filteredSample(sums[k], 0, scale);
     }
     return count;
 }
@@ -373,19 +380,21 @@ int convertFilteredCore(ResampleIo& io, double factor, int inCount, int outCount
         return fail(io, "filter is longer than its Nmult allows");
     }
 
-    auto state = newState();
+    auto state = newState(nChans);
     state->guardLen = guardLen;
     state->blockLen = static_cast<uint16_t>(IBUFFSIZE - 2 * guardLen);
 
-    const bool table =
-        path == TapPath::Auto &&
-        TapTable::usable(Coeffs, Differences, Length, interpCoeffs, dh, kMaxTableEntries);
-    if (table) {
-        // The built-in filters' rows are computed once per process, not once per conversion.
-        const bool builtIn = Coeffs == largeFilter().Coeffs || Coeffs == smallFilter().Coeffs;
-        const std::shared_ptr<TapTable> shared =
-            builtIn ? TapTable::shared(Coeffs, Differences, Length, interpCoeffs, dh)
-                    : std::make_shared<TapTable>(Coeffs, Differences, Length, interpCoeffs, dh);
+    // The built-in filters' tables are made, and found usable, once per process, not once
+    // per conversion.
+    std::shared_ptr<TapTable> shared;
+    if (path == TapPath::Auto) {
+        if (Coeffs == largeFilter().Coeffs || Coeffs == smallFilter().Coeffs) {
+            shared = TapTable::shared(Coeffs, Differences, Length, interpCoeffs, dh, kMaxTableEntries);
+        } else if (TapTable::usable(Coeffs, Differences, Length, interpCoeffs, dh, kMaxTableEntries)) {
+            shared = std::make_shared<TapTable>(Coeffs, Differences, Length, interpCoeffs, dh);
+        }
+    }
+    if (shared != nullptr) {
         TapTable& taps = *shared;
         const uint32_t timeStep = resampleTimeStep(factor);
         ResampleState& s = *state;
@@ -430,7 +439,7 @@ int convertLinear(double factor, int inCount, int outCount, int nChans,
 int convertLinearCore(ResampleIo& io, double factor, int inCount, int outCount, int nChans) {
     if (nChans != 1 && nChans != 2) return fail(io, "only one or two channels");
     if (!factorInRange(factor)) return fail(io, "factor out of range");
-    auto state = newState();
+    auto state = newState(nChans);
     state->guardLen = 10;
     state->blockLen = IBUFFSIZE - 20;
     ResampleState& s = *state;

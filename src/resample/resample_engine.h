@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 
 #include "kavo/kavo.h"
 #include "resample/filter_set.h"
@@ -29,9 +30,11 @@ extern FILE* stageOutput;
 struct ResampleState {
     int16_t input[2][IBUFFSIZE + INPUTSLACK];
     int16_t reversed[IBUFFSIZE + INPUTSLACK];  // one channel's input back to front (table path)
-    // One more than OUTBUFFSIZE: a block stops at OUTBUFFSIZE + 1 samples, enough to detect
-    // the overflow without ever writing past the buffer (factors above 6).
-    int16_t output[2][OUTBUFFSIZE + 1];
+    // One more than OUTBUFFSIZE each: a block stops at OUTBUFFSIZE + 1 samples, enough to
+    // detect the overflow without ever writing past the buffer (factors above 6). Only the
+    // channels converted have one, in a buffer of their own.
+    int16_t* output[2];
+    std::unique_ptr<int16_t[]> outputs;
     int16_t scratch[SCRATCHSIZE];
     uint32_t timeReg;
     uint16_t guardLen;

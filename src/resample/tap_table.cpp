@@ -159,7 +159,8 @@ TapTable::TapTable(const int16_t* Coeffs, const int16_t* Differences, uint16_t L
 }
 
 std::shared_ptr<TapTable> TapTable::shared(const int16_t* Coeffs, const int16_t* Differences,
-                                           uint16_t Length, int interpCoeffs, uint32_t dh) {
+                                           uint16_t Length, int interpCoeffs, uint32_t dh,
+                                           long maxEntries) {
     constexpr size_t kKept = 16;
     static std::mutex lock;
     static std::vector<std::shared_ptr<TapTable>> kept;
@@ -170,6 +171,7 @@ std::shared_ptr<TapTable> TapTable::shared(const int16_t* Coeffs, const int16_t*
             return table;
         }
     }
+    if (!usable(Coeffs, Differences, Length, interpCoeffs, dh, maxEntries)) return nullptr;
     auto table = std::make_shared<TapTable>(Coeffs, Differences, Length, interpCoeffs, dh);
     if (kept.size() < kKept) kept.push_back(table);
     return table;
@@ -236,6 +238,18 @@ int32_t TapTable::sum(const int16_t* reversedAtI, const int16_t* inputAfterI, ui
                        inputAfterI[j]);
     }
     return static_cast<int32_t>(total);
+}
+
+int TapTable::sums(const int16_t* input, const int16_t* reversedLast, uint32_t& timeReg,
+                   uint32_t end, uint32_t timeStep, int32_t* out, int capacity) {
+    int count = 0;
+    while (timeReg < end && count < capacity) {
+        const auto i = static_cast<int>(timeReg >> 15);
+        prefetch(timeReg + timeStep);
+        out[count++] = sum(reversedLast - i, input + i + 1, timeReg);
+        timeReg += timeStep;
+    }
+    return count;
 }
 
 }  // namespace kavolib

@@ -24,18 +24,23 @@ public:
              int interpCoeffs, uint32_t dh);
 
     // The table of a filter whose arrays live as long as the process (the built-in ones) at
-    // step dh, shared by every conversion: each row is computed once per process. A few
-    // tables are kept; past that each caller gets a table of its own.
+    // step dh, shared by every conversion: each row is computed once per process, and usable
+    // is asked once, when the table is made (null when the filter cannot use the table path).
+    // A few tables are kept; past that each caller gets a table of its own.
     static std::shared_ptr<TapTable> shared(const int16_t* Coeffs, const int16_t* Differences,
-                                            uint16_t Length, int interpCoeffs, uint32_t dh);
+                                            uint16_t Length, int interpCoeffs, uint32_t dh,
+                                            long maxEntries);
 
     // The sum of both wings for the output at timeReg (input index i = timeReg >> 15):
     // the left wing read from the reversed buffer at index IBUFFSIZE-1-i (input[i] and
     // before it), the right wing from input[i + 1] on.
     int32_t sum(const int16_t* reversedAtI, const int16_t* inputAfterI, uint32_t timeReg);
 
-    // Asks the memory system early for the rows the output at timeReg will use.
-    void prefetch(uint32_t timeReg) const;
+    // The sums for the outputs from timeReg on, timeReg advancing by timeStep, while timeReg
+    // is below end and fewer than capacity are made; returns how many. input and reversed are
+    // a block's buffer and the same back to front (reversedLast: its last entry, input[0]).
+    int sums(const int16_t* input, const int16_t* reversedLast, uint32_t& timeReg, uint32_t end,
+             uint32_t timeStep, int32_t* out, int capacity);
 
     // The sums without vector instructions beyond the compiler's own (for the tests).
     void usePortableKernel();
@@ -45,6 +50,8 @@ public:
 
 private:
     const int16_t* row(uint32_t start);
+    // Asks the memory system early for the rows the output at timeReg will use.
+    void prefetch(uint32_t timeReg) const;
     using Kernel = uint32_t (*)(const int16_t* cl, int wl, const int16_t* xl,
                                 const int16_t* cr, int wr, const int16_t* xr, int n);
 
