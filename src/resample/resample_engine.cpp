@@ -199,10 +199,6 @@ std::unique_ptr<ResampleState> newState(int nChans) {
     return state;
 }
 
-void reverseInto(const int16_t* input, int16_t* reversed) {
-    for (int q = 0; q < IBUFFSIZE; ++q) reversed[q] = input[IBUFFSIZE - 1 - q];
-}
-
 // filterBlockUp / filterBlockDown over the cached coefficient rows.
 int filterBlockTable(const int16_t* input, const int16_t* reversed, int16_t* output,
                      uint32_t& timeReg, uint16_t blockLen, uint32_t timeStep, uint16_t scale,
@@ -400,7 +396,7 @@ int convertFilteredCore(ResampleIo& io, double factor, int inCount, int outCount
         ResampleState& s = *state;
         return runConversion(s, io, inCount, outCount, nChans,
                              [&](const int16_t* input, int16_t* output, uint32_t& timeReg) {
-                                 reverseInto(input, s.reversed);
+                                 TapTable::reverse(input, s.reversed, IBUFFSIZE);
                                  return filterBlockTable(input, s.reversed, output, timeReg,
                                                          s.blockLen, timeStep, scale, taps);
                              });

@@ -181,10 +181,16 @@ void TapTable::usePortableKernel() {
     kernel_ = bothPortable;
 }
 
-const int16_t* TapTable::row(uint32_t start) {
+__attribute__((always_inline)) inline const int16_t* TapTable::row(uint32_t start) {
+    if (info_[start].filled.load(std::memory_order_acquire) != 0) {
+        return rows_.get() + static_cast<size_t>(start) * static_cast<size_t>(rowLen_);
+    }
+    return fillRow(start);
+}
+
+const int16_t* TapTable::fillRow(uint32_t start) {
     int16_t* out = rows_.get() + static_cast<size_t>(start) * static_cast<size_t>(rowLen_);
     RowInfo& info = info_[start];
-    if (info.filled.load(std::memory_order_acquire) != 0) return out;
     const std::lock_guard<std::mutex> lock(fill_);
     if (info.filled.load(std::memory_order_relaxed) != 0) return out;
     int left = 0;
@@ -205,7 +211,7 @@ const int16_t* TapTable::row(uint32_t start) {
     return out;
 }
 
-void TapTable::prefetch(uint32_t timeReg) const {
+__attribute__((always_inline)) inline void TapTable::prefetch(uint32_t timeReg) const {
     const uint32_t phaseLeft = timeReg & 0x7FFFu;
     const uint32_t phaseRight = (0u - timeReg) & 0x7FFFu;
     const uint32_t startLeft = (phaseLeft * dh_) >> 15;
@@ -238,6 +244,10 @@ int32_t TapTable::sum(const int16_t* reversedAtI, const int16_t* inputAfterI, ui
                        inputAfterI[j]);
     }
     return static_cast<int32_t>(total);
+}
+
+void TapTable::reverse(const int16_t* input, int16_t* reversed, int n) {
+    for (int q = 0; q < n; ++q) reversed[q] = input[n - 1 - q];
 }
 
 int TapTable::sums(const int16_t* input, const int16_t* reversedLast, uint32_t& timeReg,

@@ -36,6 +36,9 @@ public:
     // before it), the right wing from input[i + 1] on.
     int32_t sum(const int16_t* reversedAtI, const int16_t* inputAfterI, uint32_t timeReg);
 
+    // input[0 .. n) back to front into reversed, the buffer the left wings are read from.
+    static void reverse(const int16_t* input, int16_t* reversed, int n);
+
     // The sums for the outputs from timeReg on, timeReg advancing by timeStep, while timeReg
     // is below end and fewer than capacity are made; returns how many. input and reversed are
     // a block's buffer and the same back to front (reversedLast: its last entry, input[0]).
@@ -50,6 +53,7 @@ public:
 
 private:
     const int16_t* row(uint32_t start);
+    const int16_t* fillRow(uint32_t start);  // row's first use
     // Asks the memory system early for the rows the output at timeReg will use.
     void prefetch(uint32_t timeReg) const;
     using Kernel = uint32_t (*)(const int16_t* cl, int wl, const int16_t* xl,
