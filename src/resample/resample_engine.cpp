@@ -385,8 +385,10 @@ int convertFilteredCore(ResampleIo& io, double factor, int inCount, int outCount
     std::shared_ptr<TapTable> shared;
     if (path == TapPath::Auto) {
         if (Coeffs == largeFilter().Coeffs || Coeffs == smallFilter().Coeffs) {
-            shared = TapTable::shared(Coeffs, Differences, Length, interpCoeffs, dh, kMaxTableEntries);
-        } else if (TapTable::usable(Coeffs, Differences, Length, interpCoeffs, dh, kMaxTableEntries)) {
+            shared = TapTable::shared(Coeffs, Differences, Length, interpCoeffs, dh,
+                                      kMaxTableEntries);
+        } else if (TapTable::usable(Coeffs, Differences, Length, interpCoeffs, dh,
+                                    kMaxTableEntries)) {
             shared = std::make_shared<TapTable>(Coeffs, Differences, Length, interpCoeffs, dh);
         }
     }
