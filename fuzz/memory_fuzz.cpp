@@ -39,7 +39,7 @@ constexpr float kGains[] = {1.0f, 0.5f, 2.0f, -1.0f};
 
 // AddressSanitizer holds freed blocks back for 16 MB of frees instead of 256: still some fifty
 // conversions, far more than one conversion allocates, while the memory it cycles through
-// stays in use instead of being faulted in page by page (8 % of each input's time).
+// stays in use instead of being faulted in page by page (a tenth of each input's time).
 extern "C" const char* __asan_default_options() {
     return "quarantine_size_mb=16";
 }
