@@ -102,16 +102,22 @@ int main(int argc, char** argv) {
     convert->add_flag("-v,--verbose", convert_options.verbose, "also describe each input stream")
         ->excludes(convert_quiet);
     convert->add_flag("-n,--no-clobber", convert_options.no_clobber,
-                      "never replace an existing output");
+                      "leave an output that is already there (counted as skipped, not failed)");
     convert->footer(
         "Examples:\n"
         "  kavo convert prompt.mp3 prompt.adpcm\n"
         "  kavo convert -j 4 prompts/*.mp3 prompts/*.wav -o adpcm\n"
         "  producer | kavo convert -q - - | consumer\n\n"
         "Each file gets one line on standard error ('wrote ...', or 'kavo: FILE: cause'); a\n"
-        "batch goes on past a failing input and ends with a summary. A progress bar is drawn\n"
-        "only on a terminal. Exit status: 0 all converted, 1 a file failed, 2 a usage error\n"
-        "(nothing written), 130 or 143 interrupted (partial outputs removed).");
+        "batch goes on past a failing input and ends with one line of counts naming the failed\n"
+        "inputs. A progress bar is drawn only on a terminal. With -n a rerun converts only the\n"
+        "new inputs: 'converted 3, skipped 27 (already there), 0 failed', exit status 0.\n\n"
+        "Outputs: a file is written beside OUT and renamed onto it when complete; a link is\n"
+        "followed (its target replaced, the link kept); a device, FIFO or socket is written in\n"
+        "place. IN OUT is refused when OUT is MP3 or WAV audio or named .mp3 .mp2 .wav .wave\n"
+        ".mpga (two inputs, most likely: use -o DIR).\n\n"
+        "Exit status: 0 all converted or skipped, 1 a file failed, 2 a usage error (nothing\n"
+        "written), 130 or 143 interrupted (partial outputs removed).");
 
     auto add_stage = [&](const char* name, const char* what, const char* in_text,
                          const char* out_text) {

@@ -72,6 +72,7 @@ TEST(Cli, UsageErrorsExitWithTwoAndTouchNothing) {
         {{"convert", "-q", "-v", "a.mp3", "out.adpcm"}, "kavo: --quiet excludes --verbose"},
         {{"convert", "a.mp3", "sub/a.mp3"}, "kavo: 'sub/a.mp3' is an MP3 file, not an ADPCM output"},
         {{"convert", "a.mp3", "b.Wave"}, "kavo: 'b.Wave' has the name of an audio file"},
+        {{"expand", "a.mp3", "x.wav"}, "kavo: a.mp3: an MP3 file, not ADPCM codes"},
         {{"convert", "-", "-o", "out"}, "kavo: standard input has no name"},
         {{"convert", "a.mp3", "sub/a.mp3", "-o", "out"},
          "kavo: 'a.mp3' and 'sub/a.mp3' would both be written to 'out/a.adpcm'; nothing was converted"},
