@@ -287,7 +287,7 @@ inline int16_t gained(int16_t sample, double gain) {
 
 }  // namespace
 
-float largest_gain_without_wrap(int16_t extreme) {
+float largest_gain_without_wrap(int32_t extreme) {
     if (extreme == 0) return std::numeric_limits<float>::max();
     const double bound = extreme > 0 ? 32768.0 : 32769.0;
     // The float nearest the bound's quotient, then a step or two to the exact edge.

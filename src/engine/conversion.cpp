@@ -462,8 +462,8 @@ void Conversion::finish_report() {
         r.highest = highest_;
         r.lowest = lowest_;
     }
-    r.max_gain_high = largest_gain_without_wrap(static_cast<int16_t>(std::max(0, r.highest)));
-    r.max_gain_low = largest_gain_without_wrap(static_cast<int16_t>(std::min(0, r.lowest)));
+    r.max_gain_high = largest_gain_without_wrap(std::max(0, r.highest));
+    r.max_gain_low = largest_gain_without_wrap(std::min(0, r.lowest));
     r.max_gain = std::min(r.max_gain_high, r.max_gain_low);
     r.wrapped = wrapped_;
 }
@@ -551,6 +551,11 @@ int Conversion::run(char* message, size_t message_size) {
 }
 
 }  // namespace
+
+double largest_negative_gain(const kavo_report& report) {
+    return -std::min(largest_gain_without_wrap(-std::max(0, report.highest)),
+                     largest_gain_without_wrap(-std::min(0, report.lowest)));
+}
 
 int run_engine(EngineInput& input, const kavo_settings& settings, kavo_write_fn write,
                kavo_progress_fn progress, void* user, kavo_report* report, char* message,

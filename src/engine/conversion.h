@@ -29,6 +29,10 @@ int run_engine(EngineInput& input, const kavo_settings& settings, kavo_write_fn 
                kavo_progress_fn progress, void* user, kavo_report* report, char* message,
                size_t message_size);
 
+// The negative gain of largest magnitude that wraps none of the samples the report
+// describes (the report's max_gain is the positive one).
+double largest_negative_gain(const kavo_report& report);
+
 // The default settings with the given gain.
 inline kavo_settings settings_with_gain(float gain) {
     kavo_settings settings = KAVO_SETTINGS_INIT;
