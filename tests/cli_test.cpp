@@ -155,15 +155,11 @@ TEST(CliConvert, SaysWhenAndOnlyWhenTheGainWraps) {
         kavo_settings settings = KAVO_SETTINGS_INIT;
         settings.gain = gain;
         kavo_report report = KAVO_REPORT_INIT;
-        std::string adpcm;
-        const kavo_io io{nullptr, speech.data(), speech.size(), nullptr,
-                         [](void* user, const void* bytes, size_t size) {
-                             static_cast<std::string*>(user)->append(static_cast<const char*>(bytes), size);
-                             return 0;
-                         },
-                         nullptr, &adpcm};
+        const TempDir dir;
+        const std::string out = dir.file("o");
+        const kavo_io io{nullptr, speech.data(), speech.size(), out.c_str(), nullptr, nullptr, nullptr};
         EXPECT_EQ(kavo_convert(&io, &settings, &report, nullptr, 0), KAVO_OK);
-        return std::make_pair(report, adpcm);
+        return std::make_pair(report, read_file(out));
     };
     const auto safe = static_cast<float>(library(1.0f).first.max_gain);
     const float above = std::nextafter(safe, 2.0f);

@@ -1,14 +1,13 @@
-// The conversion's report against an independent road: the file stages (kavo decode, mix and
-// resample, run as commands) make the decoded and the 8000 Hz files, and the report's figures
-// must be what those files hold; the samples wrapped and the largest gains that wrap none are
-// checked by the gain's own arithmetic (trunc(x * g) outside the 16-bit range) over those
-// samples. Each case also runs one of the ways in and out of kavo_convert, whose bytes must be
-// kavo_convert_memory's.
+// The conversion's report against the file stages (kavo decode, mix, resample as commands):
+// its figures are what their files hold, and the samples wrapped and the largest gains that wrap
+// none follow the gain's arithmetic (trunc(x * g) outside 16 bits) over the 8000 Hz samples.
+// Each case also takes one of kavo_convert's ways in and out: kavo_convert_memory's bytes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -33,11 +32,10 @@ bool wraps(int sample, float gain) {
 
 float next_up(double gain) { return std::nextafter(static_cast<float>(gain), 1e30f); }
 
-uint32_t u32(const std::string& bytes, size_t at) {
-    return static_cast<uint32_t>(static_cast<uint8_t>(bytes[at]) |
-                                 static_cast<uint8_t>(bytes[at + 1]) << 8 |
-                                 static_cast<uint8_t>(bytes[at + 2]) << 16 |
-                                 static_cast<uint32_t>(static_cast<uint8_t>(bytes[at + 3])) << 24);
+uint32_t u32(const std::string& bytes, size_t at) {  // on a little-endian host, as the WAV
+    uint32_t value = 0;
+    std::memcpy(&value, bytes.data() + at, 4);
+    return value;
 }
 
 enum class Way { file_to_write, memory_to_file, file_to_file };
@@ -46,7 +44,7 @@ struct Case {
     const char* fixture;
     int encoding;
     bool changed;  // the stream changes rate or channels
-    Way way;
+    Way way;       // how kavo_convert is called
 };
 
 const Case kCases[] = {
@@ -95,11 +93,8 @@ TEST_P(Report, FiguresAreWhatTheFileStagesMakeAndTheGainsArithmetic) {
     };
     std::string adpcm;
     const kavo_report r = convert(1.0f, adpcm, c.way);
-    EXPECT_EQ(r.input_kind, KAVO_INPUT_MP3);
-    EXPECT_EQ(r.encoding, c.encoding);
-    EXPECT_EQ(r.sample_rate, static_cast<int32_t>(rate));
-    EXPECT_EQ(r.channels, channels);
-    EXPECT_EQ(r.format_changed, c.changed ? 1 : 0);
+    EXPECT_EQ(std::vector<int>({r.input_kind, r.encoding, r.sample_rate, r.channels, r.format_changed}),
+              std::vector<int>({KAVO_INPUT_MP3, c.encoding, static_cast<int>(rate), channels, c.changed}));
     EXPECT_EQ(r.input_frames, frames);
     EXPECT_DOUBLE_EQ(r.input_seconds, static_cast<double>(frames) / rate);
     EXPECT_EQ(r.mp3_frames, static_cast<int64_t>(kavotest::walk_frames(mp3, 0).size()));
@@ -109,29 +104,22 @@ TEST_P(Report, FiguresAreWhatTheFileStagesMakeAndTheGainsArithmetic) {
     EXPECT_EQ(r.highest, *high);
     EXPECT_EQ(r.lowest, *low);
     std::string expected;
-    ASSERT_EQ(kavo_convert_memory(mp3.data(), mp3.size(), 1.0f, collect, nullptr, &expected,
-                                  nullptr, 0),
-              KAVO_OK);
+    kavo_convert_memory(mp3.data(), mp3.size(), 1.0f, collect, nullptr, &expected, nullptr, 0);
     EXPECT_EQ(adpcm, expected) << "kavo_convert and kavo_convert_memory differ";
 
     // Each limit is the edge for its extreme; the smaller is the gain that wraps nothing.
-    EXPECT_FALSE(wraps(*high, static_cast<float>(r.max_gain_high)));
-    EXPECT_TRUE(wraps(*high, next_up(r.max_gain_high)));
-    EXPECT_FALSE(wraps(*low, static_cast<float>(r.max_gain_low)));
-    EXPECT_TRUE(wraps(*low, next_up(r.max_gain_low)));
+    EXPECT_TRUE(!wraps(*high, static_cast<float>(r.max_gain_high)) && wraps(*high, next_up(r.max_gain_high)));
+    EXPECT_TRUE(!wraps(*low, static_cast<float>(r.max_gain_low)) && wraps(*low, next_up(r.max_gain_low)));
     EXPECT_EQ(r.max_gain, std::min(r.max_gain_high, r.max_gain_low));
-    for (const float gain : {1.0f, 4.0f, -1.5f, -3.0f, static_cast<float>(r.max_gain), next_up(r.max_gain)}) {
+    const auto safe = static_cast<float>(r.max_gain);
+    for (const float gain : {1.0f, 4.0f, -1.5f, -3.0f, safe, next_up(safe)}) {
         const auto counted = std::count_if(pcm8k.begin(), pcm8k.end(),
                                            [gain](int16_t s) { return wraps(s, gain); });
         const kavo_report g = convert(gain, adpcm, Way::file_to_write);
         EXPECT_EQ(g.wrapped, counted) << "gain " << gain;
         EXPECT_EQ(g.gain, gain);
-        if (gain == static_cast<float>(r.max_gain)) {
-            EXPECT_EQ(counted, 0);
-        }
-        if (gain == next_up(r.max_gain)) {
-            EXPECT_GT(counted, 0);
-        }
+        EXPECT_TRUE(gain != safe || counted == 0);
+        EXPECT_TRUE(gain != next_up(safe) || counted > 0);
     }
 }
 
