@@ -50,10 +50,11 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(1, 1024))
         ->type_name("N");
     convert->add_option("--gain", convert_options.gain,
-                        "gain applied to the 8000 Hz samples (default 1.0)");
+                        "gain applied to the 8000 Hz samples (default 1.0; wraps in 16 bits)");
     auto* convert_quiet =
         convert->add_flag("-q,--quiet", convert_options.quiet, "print errors only");
-    convert->add_flag("-v,--verbose", convert_options.verbose, "also describe each input stream")
+    convert->add_flag("-v,--verbose", convert_options.verbose,
+                      "also describe each input and the level it converts to")
         ->excludes(convert_quiet);
     convert->add_flag("-n,--no-clobber", convert_options.no_clobber,
                       "never replace an existing output");
@@ -62,7 +63,8 @@ int main(int argc, char** argv) {
         "  kavo convert prompt.mp3 prompt.adpcm\n"
         "  kavo convert -j 4 prompts/*.mp3 prompts/*.wav -o adpcm\n"
         "  producer | kavo convert -q - - | consumer\n\n"
-        "Each file gets one line on standard error ('wrote ...', or 'kavo: FILE: cause'); a\n"
+        "Each file gets one line on standard error ('wrote ...', or 'kavo: FILE: cause'), and one\n"
+        "more when the gain wrapped samples (the largest gain that wraps none is named); a\n"
         "batch goes on past a failing input and ends with a summary. A progress bar is drawn\n"
         "only on a terminal. Exit status: 0 all converted, 1 a file failed, 2 a usage error\n"
         "(nothing written), 130 or 143 interrupted (partial outputs removed).");
