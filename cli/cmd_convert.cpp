@@ -1,8 +1,9 @@
 // kavo convert: MP3 or WAV prompts to ADPCM with the engine, in the command's own process.
 // One IN OUT pair, or any number of inputs into a directory on several threads; "-" reads
-// standard input or writes standard output. Each output is written beside its final
-// name and moved into place only when complete; Ctrl-C or SIGTERM stops every conversion at
-// its next block, removes the partial files and ends the command.
+// standard input or writes standard output. Each output is written by what its name is
+// (engine/output_target.h); -n skips the outputs already there, so a batch can be rerun.
+// Ctrl-C or SIGTERM stops every conversion at its next block, removes the partial files and
+// ends the command.
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
