@@ -1,19 +1,17 @@
 // The exported conversion API: argument checks and the record-size rules, the input in memory
-// or in a file, and for a file output the write beside the final name with the rename into
-// place only when complete. Every call runs the same code.
+// or in a file, and a file output written by what its name is (engine/output_target.h). Every
+// call runs the same code.
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <system_error>
 
 #include "engine/conversion.h"
 #include "engine/memory_source.h"
+#include "engine/output_target.h"
 #include "kavo/kavo.h"
 
 namespace kavolib {
@@ -53,96 +51,52 @@ bool file_rewind(void* context) {
 
 bool file_failed(void* context) { return std::ferror(static_cast<FileInput*>(context)->file) != 0; }
 
-struct FileOutput {
-    FILE* file;
-    bool failed;
-    int error;
-};
-
-int file_write(void* user, const void* bytes, size_t size) {
-    auto* output = static_cast<FileOutput*>(user);
-    errno = 0;
-    if (std::fwrite(bytes, 1, size, output->file) != size) {
-        output->failed = true;
-        output->error = errno;
-        return 1;
-    }
-    return 0;
-}
-
-// The caller's progress function and user value, passed through the file output's user value.
+// The caller's progress function and user value, and the output the engine writes to.
 struct FileJob {
-    FileOutput output;
+    OutputTarget output;
+    std::string write_error;  // why the first failed write failed
     kavo_progress_fn progress;
     void* user;
 };
+
+int file_write(void* user, const void* bytes, size_t size) {
+    auto* job = static_cast<FileJob*>(user);
+    return job->output.write(bytes, size, job->write_error) ? 0 : 1;
+}
 
 void file_progress(void* user, int percent) {
     const auto* job = static_cast<const FileJob*>(user);
     if (job->progress != nullptr) job->progress(job->user, percent);
 }
 
-// A name beside the output that no other call uses: the output's own name, this process's
-// clock and a counter shared by every call.
-std::string partial_name(const char* output) {
-    static std::atomic<unsigned long long> counter{0};
-    const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
-    return std::string(output) + ".partial-" +
-           std::to_string(static_cast<unsigned long long>(now) & 0xFFFFFFFFull) + "-" +
-           std::to_string(counter.fetch_add(1));
-}
-
-// Creates the partial file, never opening one that exists already.
-FILE* create_new(const std::string& name) {
-#if defined(_WIN32)
-    std::error_code error;
-    if (std::filesystem::exists(std::filesystem::path(name), error)) return nullptr;
-    return std::fopen(name.c_str(), "wb");
-#else
-    return std::fopen(name.c_str(), "wbx");
-#endif
-}
-
-// The output file: written under a partial name beside output_path, renamed into place only
-// when complete, removed after any failure.
-int convert_to_file(EngineInput& input, const char* output_path, const kavo_settings& settings,
-                    kavo_progress_fn progress, void* user, kavo_report* report, char* message,
-                    size_t message_size) {
-    namespace fs = std::filesystem;
-    const std::string partial = partial_name(output_path);
-    errno = 0;
-    FILE* out = create_new(partial);
-    if (out == nullptr) {
+// The output file, written by what its name is; the input is never written over.
+int convert_to_file(EngineInput& input, const char* input_path, const char* output_path,
+                    const kavo_settings& settings, kavo_progress_fn progress, void* user,
+                    kavo_report* report, char* message, size_t message_size) {
+    // Whatever name it is reached by, the input is never written over.
+    if (input_path != nullptr && same_file(input_path, output_path)) {
         set_message(message, message_size,
-                    std::string("cannot create ") + partial + ": " + error_text(errno));
+                    std::string("the output ") + output_path + " is the input file");
+        return KAVO_ERROR_ARGUMENT;
+    }
+    FileJob job{{}, {}, progress, user};
+    std::string why;
+    if (!job.output.open(output_path, false, why)) {
+        set_message(message, message_size, std::string("cannot create ") + output_path + ": " + why);
         return KAVO_ERROR_WRITE;
     }
-    FileJob job{FileOutput{out, false, 0}, progress, user};
     int status = run_engine(input, settings, file_write, file_progress, &job, report, message,
                             message_size);
-    if (status == KAVO_ERROR_STOPPED && job.output.failed) {
+    if (status == KAVO_ERROR_STOPPED && !job.write_error.empty()) {
         status = KAVO_ERROR_WRITE;
         set_message(message, message_size,
-                    std::string("cannot write ") + partial + ": " + error_text(job.output.error));
+                    std::string("cannot write ") + output_path + ": " + job.write_error);
     }
-    errno = 0;
-    const bool closed = std::fflush(out) == 0 && std::fclose(out) == 0;
-    if (status == KAVO_OK && !closed) {
+    bool exists = false;
+    if (status == KAVO_OK && !job.output.commit(true, exists, why)) {
         status = KAVO_ERROR_WRITE;
-        set_message(message, message_size,
-                    std::string("cannot write ") + partial + ": " + error_text(errno));
+        set_message(message, message_size, std::string("cannot write ") + output_path + ": " + why);
     }
-    std::error_code error;
-    if (status == KAVO_OK) {
-        fs::rename(fs::path(partial), fs::path(output_path), error);
-        if (error) {
-            status = KAVO_ERROR_WRITE;
-            set_message(message, message_size,
-                        std::string("cannot rename the output to ") + output_path + ": " +
-                            error.message());
-        }
-    }
-    if (status != KAVO_OK) fs::remove(fs::path(partial), error);
     return status;
 }
 
@@ -165,11 +119,11 @@ int convert(const kavo_io& io, const kavo_settings& settings, kavo_report* repor
     if (!std::isfinite(settings.gain)) {
         return refuse(message, message_size, "the gain is not a finite number");
     }
+    FileInput in{nullptr};
     try {
         MemoryInput memory{static_cast<const uint8_t*>(io.input_data),
                            io.input_data == nullptr ? 0 : io.input_size, 0};
         EngineInput input{memory.source(), memory_rewind, memory_failed};
-        FileInput in{nullptr};
         if (io.input_path != nullptr) {
             errno = 0;
             in.file = std::fopen(io.input_path, "rb");
@@ -180,20 +134,16 @@ int convert(const kavo_io& io, const kavo_settings& settings, kavo_report* repor
             }
             input = EngineInput{ByteSource{file_read, &in}, file_rewind, file_failed};
         }
-        int status = KAVO_OK;
-        try {
-            status = io.output_path != nullptr
-                         ? convert_to_file(input, io.output_path, settings, io.progress, io.user,
-                                           report, message, message_size)
-                         : run_engine(input, settings, io.write, io.progress, io.user, report,
-                                      message, message_size);
-        } catch (...) {
-            if (in.file != nullptr) std::fclose(in.file);
-            throw;
-        }
+        const int status =
+            io.output_path != nullptr
+                ? convert_to_file(input, io.input_path, io.output_path, settings, io.progress,
+                                  io.user, report, message, message_size)
+                : run_engine(input, settings, io.write, io.progress, io.user, report, message,
+                             message_size);
         if (in.file != nullptr) std::fclose(in.file);
         return status;
     } catch (const std::bad_alloc&) {
+        if (in.file != nullptr) std::fclose(in.file);
         set_message(message, message_size, "out of memory");
         return KAVO_ERROR_MEMORY;
     }
