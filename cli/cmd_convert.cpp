@@ -385,10 +385,9 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
         for (const std::string& line : report_lines(name, report)) console.info(line);
     }
     if (report.wrapped > 0) {
-        const std::string safe =
-            options.gain < 0 ? std::string("-").append(
-                                   safe_gain_text(-kavolib::largest_negative_gain(report)))
-                             : safe_gain_text(report.max_gain);
+        std::string safe = options.gain < 0 ? "-" : "";
+        safe += safe_gain_text(options.gain < 0 ? -kavolib::largest_negative_gain(report)
+                                                : report.max_gain);
         console.warning(name + ": " + grouped(report.wrapped) +
                         (report.wrapped == 1 ? " sample" : " samples") + " wrapped at gain " +
                         gain_text(options.gain) + " (the " +
