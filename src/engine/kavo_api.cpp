@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "engine/conversion.h"
+#include "engine/file_source.h"
 #include "engine/memory_source.h"
 #include "kavo/kavo.h"
 
@@ -28,27 +29,7 @@ int refuse(char* message, size_t size, const char* text) {
 
 std::string error_text(int code) { return std::generic_category().message(code); }
 
-bool memory_rewind(void* context) {
-    static_cast<MemoryInput*>(context)->position = 0;
-    return true;
-}
-
 bool memory_failed(void*) { return false; }
-
-struct FileInput {
-    FILE* file;
-};
-
-size_t file_read(void* context, uint8_t* dst, size_t n) {
-    return std::fread(dst, 1, n, static_cast<FileInput*>(context)->file);
-}
-
-bool file_rewind(void* context) {
-    FILE* file = static_cast<FileInput*>(context)->file;
-    return std::ferror(file) == 0 && std::fseek(file, 0, SEEK_SET) == 0;
-}
-
-bool file_failed(void* context) { return std::ferror(static_cast<FileInput*>(context)->file) != 0; }
 
 struct FileOutput {
     FILE* file;
@@ -112,7 +93,7 @@ extern "C" KAVO_API int kavo_convert_memory(const void* mp3, size_t mp3_size, fl
     if (write == nullptr) return refuse(message, message_size, "the write function is NULL");
     if (!std::isfinite(gain)) return refuse(message, message_size, "the gain is not a finite number");
     MemoryInput memory{static_cast<const uint8_t*>(mp3), mp3 == nullptr ? 0 : mp3_size, 0};
-    EngineInput input{memory.source(), memory_rewind, memory_failed};
+    EngineInput input{memory.reader(), memory_failed};
     return run_engine(input, gain, write, progress, user, message, message_size);
 }
 
@@ -131,8 +112,10 @@ extern "C" KAVO_API int kavo_convert_file(const char* input_path, const char* ou
 
     try {
         errno = 0;
-        FileInput in{std::fopen(input_path, "rb")};
-        if (in.file == nullptr) {
+        FileInput in;
+        in.file = std::fopen(input_path, "rb");
+        if (in.file == nullptr || !in.measure()) {
+            if (in.file != nullptr) std::fclose(in.file);
             set_message(message, message_size,
                         std::string("cannot open ") + input_path + ": " + error_text(errno));
             return KAVO_ERROR_READ;
@@ -148,7 +131,7 @@ extern "C" KAVO_API int kavo_convert_file(const char* input_path, const char* ou
             return KAVO_ERROR_WRITE;
         }
         FileJob job{FileOutput{out, false, 0}, progress, user};
-        EngineInput input{ByteSource{file_read, &in}, file_rewind, file_failed};
+        EngineInput input{in.reader(), FileInput::failed};
         int status = run_engine(input, gain, file_write, file_progress, &job, message, message_size);
         std::fclose(in.file);
         if (status == KAVO_ERROR_STOPPED && job.output.failed) {
