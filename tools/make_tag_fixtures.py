@@ -58,8 +58,8 @@ def text_frame(version, frame_id, text):
     payload = b"\x00" + text.encode("latin-1")
     if version == 2:
         return frame_id + struct.pack(">I", len(payload))[1:] + payload
-    size = syncsafe(len(payload)) if version == 4 else struct.pack(">I", len(payload))
-    return frame_id + size + b"\x00\x00" + payload
+    length = syncsafe(len(payload)) if version == 4 else struct.pack(">I", len(payload))
+    return frame_id + length + b"\x00\x00" + payload
 
 
 # False headers of every kind: Layer III/II/I of MPEG-1, MPEG-2 and MPEG-2.5, a free-format
@@ -93,12 +93,12 @@ def tag_plus():
 def ape(version, items, header):
     """APEv1 (1000, no header) or APEv2 (2000) tag; the size counts the items and footer."""
     body = b"".join(struct.pack("<II", len(v), 0) + k + b"\x00" + v for k, v in items)
-    size = len(body) + 32
+    length = len(body) + 32
     flags = 0x80000000 if header else 0
 
     def block(is_header):
         f = flags | (0x20000000 if is_header else 0)
-        return b"APETAGEX" + struct.pack("<IIII", version, size, len(items), f) + bytes(8)
+        return b"APETAGEX" + struct.pack("<IIII", version, length, len(items), f) + bytes(8)
     return (block(True) if header else b"") + body + block(False)
 
 
@@ -185,7 +185,7 @@ def main():
 
     # Sizes that cannot be trusted: a size byte with its top bit set, and an APE footer
     # declaring more than the file holds. Their bytes stay in the stream.
-    t = bytearray(id3v2(3, text_frame(3, b"TIT2", "bad size")))
+    t = bytearray(id3v2(3, text_frame(3, b"TIT2", "untrusted length")))
     t[7] |= 0x80
     add("malformed_id3v2_size.mp3", bytes(t) + a, "malformed_id3v2_size.mp3", [])
     t = bytearray(ape(2000, [(b"Title", b"too long")], False))
