@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Makes tests/fixtures/tags: short MP3 clips cut from the committed fixtures, and the same
 clips with each kind of tag and wrapper around them, plus expected.tsv, the table the tests
-read (file, the bare clip it must convert like, the items the command names with -v, and for
-a refused file a part of its message). Byte-for-byte repeatable; run it from anywhere.
+read: each file, the bare clip it must convert like, the items the command names with -v, and for
+a refused file a part of its message. Byte-for-byte repeatable; run it from anywhere.
 
 The tags are built here from their published layouts; a few carry payloads full of false
 frame headers (every layer, a free-format one, JPEG markers that read as headers), which a
@@ -208,7 +208,7 @@ def main():
         f"a Layer II frame at byte {offset}")
 
     with open(os.path.join(OUT, "expected.tsv"), "w") as f:
-        f.write("# file\tconverts like\twhat kavo convert -v names as skipped\trefusal\n")
+        f.write("# input\tconverts like\twhat kavo convert -v names as skipped\trefusal\n")
         for row in rows:
             f.write("\t".join(row) + "\n")
 

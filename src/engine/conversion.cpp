@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -338,9 +339,10 @@ bool want_decode_thread() {
 
 class Conversion {
 public:
-    Conversion(EngineInput& input, float gain, kavo_write_fn write, kavo_progress_fn progress,
-               void* user)
-        : input_(input), gain_(gain), write_(write), progress_(progress), user_(user) {}
+    Conversion(EngineInput& input, const kavo_settings& settings, kavo_write_fn write,
+               kavo_progress_fn progress, void* user, kavo_report& report)
+        : input_(input), gain_(settings.gain), write_(write), progress_(progress), user_(user),
+          report_(report) {}
 
     int run(char* message, size_t message_size, InputLayout* described);
 
@@ -354,6 +356,8 @@ private:
     int take_output(const int16_t* samples, size_t n);
     bool flush_output();
     void report(int percent);
+    void note_levels(const int16_t* samples);
+    void finish_report();
 
     static size_t read_mono_io(void* context, int16_t* dst, size_t n) {
         return static_cast<Conversion*>(context)->read_mono(dst, n);
@@ -367,6 +371,7 @@ private:
     kavo_write_fn write_;
     kavo_progress_fn progress_;
     void* user_;
+    kavo_report& report_;
     char* message_ = nullptr;
     size_t message_size_ = 0;
 
@@ -396,6 +401,13 @@ private:
     uint8_t output_[kOutputFrames * kAdpcmFrameBytes] = {};
     size_t output_fill_ = 0;
     bool stopped_ = false;
+
+    // What the coder saw: the extremes before the gain, the samples the gain wrapped, the
+    // frames coded.
+    int16_t highest_ = INT16_MIN;
+    int16_t lowest_ = INT16_MAX;
+    int64_t wrapped_ = 0;
+    int64_t frames_coded_ = 0;
 
     // Declared last, so that it is destroyed first: the decode thread ends before anything
     // it uses goes.
@@ -488,6 +500,39 @@ bool Conversion::flush_output() {
     return !stopped_;
 }
 
+// The frame's extremes (a loop the compiler vectorises), and the wrapped samples counted one
+// by one only in a frame where an extreme wraps: the products of a frame lie between those of
+// its extremes, whatever the gain's sign.
+void Conversion::note_levels(const int16_t* samples) {
+    int16_t high = samples[0];
+    int16_t low = samples[0];
+    for (int i = 1; i < kAdpcmFrameSamples; ++i) {
+        high = std::max(high, samples[i]);
+        low = std::min(low, samples[i]);
+    }
+    highest_ = std::max(highest_, high);
+    lowest_ = std::min(lowest_, low);
+    const double gain = gain_;
+    if (gain_wraps(high, gain) || gain_wraps(low, gain)) {
+        for (int i = 0; i < kAdpcmFrameSamples; ++i) wrapped_ += gain_wraps(samples[i], gain);
+    }
+}
+
+// The figures of the coded samples, whatever happened after the last frame.
+void Conversion::finish_report() {
+    kavo_report& r = report_;
+    r.output_bytes = frames_coded_ * kAdpcmFrameBytes;
+    r.output_seconds = static_cast<double>(r.output_bytes) / 4000.0;
+    if (frames_coded_ > 0) {
+        r.highest = highest_;
+        r.lowest = lowest_;
+    }
+    r.max_gain_high = largest_gain_without_wrap(std::max(0, r.highest));
+    r.max_gain_low = largest_gain_without_wrap(std::min(0, r.lowest));
+    r.max_gain = std::min(r.max_gain_high, r.max_gain_low);
+    r.wrapped = wrapped_;
+}
+
 // The resampler's output: whole 160-sample frames are coded; a partial frame at the end is not.
 int Conversion::take_output(const int16_t* samples, size_t n) {
     for (size_t i = 0; i < n;) {
@@ -496,7 +541,9 @@ int Conversion::take_output(const int16_t* samples, size_t n) {
         frame_fill_ += static_cast<int>(count);
         i += count;
         if (frame_fill_ < kAdpcmFrameSamples) break;
+        note_levels(frame_);
         adpcm_encode_frame(adpcm_, frame_, gain_, output_ + output_fill_);
+        ++frames_coded_;
         frame_fill_ = 0;
         output_fill_ += kAdpcmFrameBytes;
         if (output_fill_ == sizeof output_ && !flush_output()) return 1;
@@ -509,6 +556,7 @@ int Conversion::run(char* message, size_t message_size, InputLayout* described) 
     message_size_ = message_size;
     layout_ = find_layout(input_.reader);
     if (described != nullptr) *described = layout_;
+    for (const SkippedItem& item : layout_.skipped) report_.skipped_bytes += static_cast<int64_t>(item.size);
     if (input_.failed(input_.reader.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
     switch (layout_.kind) {
         case InputKind::refused:
@@ -544,6 +592,17 @@ int Conversion::run_mpeg() {
         return fail(KAVO_ERROR_FORMAT, "the input is too long: %lld decoded values",
                     static_cast<long long>(scan.pcm_values));
     }
+    static constexpr int32_t kEncodings[4] = {KAVO_ENCODING_MPEG25_LAYER3, 0,
+                                              KAVO_ENCODING_MPEG2_LAYER3,
+                                              KAVO_ENCODING_MPEG1_LAYER3};
+    report_.input_kind = KAVO_INPUT_MP3;
+    report_.encoding = kEncodings[scan.last_version & 3];
+    report_.sample_rate = scan.last_rate;
+    report_.channels = scan.last_channels;
+    report_.format_changed = scan.format_changed ? 1 : 0;
+    report_.input_frames = n_frames;
+    report_.input_seconds = static_cast<double>(n_frames) / scan.last_rate;
+    report_.mp3_frames = scan.layer3_frames;
     granules_total_ = scan.pcm_frames / kGranuleSamples;
 
     range_.position = range_.begin;
@@ -566,6 +625,16 @@ int Conversion::run_wav() {
         return fail(KAVO_ERROR_FORMAT, "the input is too short to convert");
     }
     channels_ = wav.channels;
+    static constexpr int32_t kEncodings[] = {KAVO_ENCODING_PCM_U8,    KAVO_ENCODING_PCM_16,
+                                             KAVO_ENCODING_PCM_24,    KAVO_ENCODING_PCM_32,
+                                             KAVO_ENCODING_FLOAT_32, KAVO_ENCODING_MULAW,
+                                             KAVO_ENCODING_ALAW};
+    report_.input_kind = KAVO_INPUT_WAV;
+    report_.encoding = kEncodings[static_cast<int>(wav.encoding)];
+    report_.sample_rate = wav.rate;
+    report_.channels = wav.channels;
+    report_.input_frames = n_frames;
+    report_.input_seconds = static_cast<double>(n_frames) / wav.rate;
     granules_total_ = (n_frames + kGranuleSamples - 1) / kGranuleSamples;
     wav_ = std::make_unique<WavSamples>(input_.reader, layout_);
     feed_.start(*wav_, want_decode_thread());
@@ -587,6 +656,7 @@ int Conversion::convert(double factor, int64_t n_frames) {
     // conversion (as the decode on demand would be), stopped at once after a failure.
     if (written >= 0 && written != kResampleStopped && !stopped_) feed_.drain();
     feed_.stop();
+    finish_report();
     if (written == kResampleStopped || stopped_) return fail(KAVO_ERROR_STOPPED, "the write function asked to stop");
     if (written < 0) return fail(KAVO_ERROR_FORMAT, "resampling failed: %s", io.failure != nullptr ? io.failure : "");
     if (input_.failed(input_.reader.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
@@ -599,10 +669,22 @@ int Conversion::convert(double factor, int64_t n_frames) {
 
 }  // namespace
 
-int run_engine(EngineInput& input, float gain, kavo_write_fn write, kavo_progress_fn progress,
-               void* user, char* message, size_t message_size, InputLayout* described) {
+double largest_negative_gain(const kavo_report& report) {
+    return -std::min(largest_gain_without_wrap(-std::max(0, report.highest)),
+                     largest_gain_without_wrap(-std::min(0, report.lowest)));
+}
+
+int run_engine(EngineInput& input, const kavo_settings& settings, kavo_write_fn write,
+               kavo_progress_fn progress, void* user, kavo_report* report, char* message,
+               size_t message_size, InputLayout* described) {
+    kavo_report unused{};
+    kavo_report& out = report != nullptr ? *report : unused;
+    out = kavo_report{};
+    out.size = sizeof(kavo_report);
+    out.gain = settings.gain;
     try {
-        auto conversion = std::make_unique<Conversion>(input, gain, write, progress, user);
+        auto conversion =
+            std::make_unique<Conversion>(input, settings, write, progress, user, out);
         return conversion->run(message, message_size, described);
     } catch (const std::bad_alloc&) {
         if (message != nullptr && message_size > 0) {
