@@ -61,14 +61,21 @@ typedef int32_t (*ProgressCallback)(int32_t user, int32_t low, int32_t high, int
                                     int32_t one);
 
 /* Converts the MP3 file input_path into the ADPCM file output_path, multiplying every
- * 8000 Hz sample by gain before encoding (no saturation: the product wraps in 16 bits). */
+ * 8000 Hz sample by gain before encoding (no saturation: the product wraps in 16 bits).
+ * It searches the bytes of tags (ID3, APE, Lyrics3) for frames like any other bytes, while
+ * the kavo_convert_* calls below skip them. */
 KAVO_API ConversionResult kavo(const char* input_path, const char* output_path, float gain,
                                ProgressCallback callback, int32_t user);
 
 
 /*
- * The conversion engine: the same output bytes as kavo(), without temporary files, module
- * state, console text or process exit. Every call owns its own state, so any number of
+ * The conversion engine: the same output bytes as kavo() for the same audio frames, without
+ * temporary files, module state, console text or process exit. The input is recognised by
+ * its content: MPEG audio, with any ID3v2 tags in front, ID3v1, APE, Lyrics3 or appended
+ * ID3v2 tags at the end, or inside a RIFF WAVE file (format 0x55 or 0x50), of which only the
+ * frames are converted; or a WAV file of 8, 16, 24 or 32-bit PCM, 32-bit float, mu-law or
+ * A-law samples, mono or stereo, 8000 to 48000 Hz, whose samples take the same road as
+ * decoded ones (16-bit PCM WAV gives the bytes of the mix, resample and encode stages). Every call owns its own state, so any number of
  * calls may run at once on different threads. Nothing is allocated that the caller must
  * free; the callbacks are always called on the caller's thread, never after the call returns.
  *
@@ -86,9 +93,10 @@ KAVO_API ConversionResult kavo(const char* input_path, const char* output_path, 
 /* The output cannot be written (created, written, flushed or renamed into place). */
 #define KAVO_ERROR_WRITE (-3)
 /* The input holds no Layer III frame, or holds a Layer I or II frame (the message then names
- * the layer and the byte offset of that frame), or decodes to more than 2^31 bytes of 16-bit
- * PCM (some 3 hours of 48 kHz stereo), beyond what the conversion's sizes can count. Nothing
- * is written in any of these cases. */
+ * the layer and the byte offset of that frame in the whole input), or is a WAV file of a kind
+ * not converted (the message names it and says what converts), or decodes to more than 2^31
+ * bytes of 16-bit PCM (some 3 hours of 48 kHz stereo), beyond what the conversion's sizes can
+ * count. Nothing is written in any of these cases. */
 #define KAVO_ERROR_FORMAT (-4)
 /* Memory for the conversion could not be allocated. */
 #define KAVO_ERROR_MEMORY (-5)
@@ -100,7 +108,7 @@ typedef void (*kavo_progress_fn)(void* user, int percent);
 /* Receives the next size bytes of output; return 0 to go on, non-zero to stop. */
 typedef int (*kavo_write_fn)(void* user, const void* bytes, size_t size);
 
-/* Converts the MP3 file input_path into the ADPCM file output_path with the given gain.
+/* Converts the MP3 or WAV file input_path into the ADPCM file output_path with the given gain.
  * The output is written by what output_path is. A regular file, or a name not taken yet, is
  * written under a temporary name beside it and renamed into place only when complete: on any
  * failure an existing file is left as it was and no file remains. A symbolic link is followed
@@ -113,12 +121,112 @@ KAVO_API int kavo_convert_file(const char* input_path, const char* output_path, 
                                kavo_progress_fn progress, void* user, char* message,
                                size_t message_size);
 
-/* Converts the mp3_size bytes at mp3 and hands the ADPCM output to write, in order, in
- * blocks of whole 80-byte frames. Nothing is written when the input is refused (format
- * errors are found before the first write). progress may be NULL. */
+/* Converts the mp3_size bytes at mp3 (an MP3 or WAV file) and hands the ADPCM output to
+ * write, in order, in blocks of whole 80-byte frames. Nothing is written when the input is
+ * refused (format errors are found before the first write). progress may be NULL. */
 KAVO_API int kavo_convert_memory(const void* mp3, size_t mp3_size, float gain,
                                  kavo_write_fn write, kavo_progress_fn progress, void* user,
                                  char* message, size_t message_size);
+
+/*
+ * Settings in, a report out: kavo_convert converts a file or a block of memory, like
+ * kavo_convert_file and kavo_convert_memory (which run the same code), with its settings in
+ * a kavo_settings record and what it found in a kavo_report record.
+ *
+ * Both records begin with their own size in bytes, set by the caller (KAVO_SETTINGS_INIT and
+ * KAVO_REPORT_INIT fill it with the size the program was built with, and the defaults). New
+ * versions of the library only ever append fields, of fixed-width types with explicit padding
+ * (so that 32-bit and 64-bit compilers lay them out alike), so a program built against an
+ * older kavo.h keeps working: the library reads the first min(size, its own size) bytes of the
+ * settings and takes the defaults for the rest, and writes the first min(size, its own size)
+ * bytes of the report, never a byte beyond. A size below the first version's
+ * (KAVO_SETTINGS_SIZE_1, KAVO_REPORT_SIZE_1) is refused with KAVO_ERROR_ARGUMENT.
+ */
+
+/* The settings. NULL settings mean the defaults. */
+typedef struct kavo_settings {
+    uint32_t size; /* sizeof(kavo_settings) as the program knows it */
+    float gain;    /* every 8000 Hz sample is multiplied by it before coding (default 1.0);
+                      the product is truncated toward zero and wraps in 16 bits. Finite. */
+} kavo_settings;
+
+#define KAVO_SETTINGS_SIZE_1 8u
+#define KAVO_SETTINGS_INIT {(uint32_t)sizeof(kavo_settings), 1.0f}
+
+/* report.input_kind */
+#define KAVO_INPUT_MP3 1
+#define KAVO_INPUT_WAV 2
+
+/* report.encoding: for MP3 the MPEG version of the last frame delivered (always Layer III),
+ * for WAV the sample format. */
+#define KAVO_ENCODING_MPEG1_LAYER3 1
+#define KAVO_ENCODING_MPEG2_LAYER3 2
+#define KAVO_ENCODING_MPEG25_LAYER3 3
+#define KAVO_ENCODING_PCM_16 16
+#define KAVO_ENCODING_PCM_U8 17
+#define KAVO_ENCODING_PCM_24 18
+#define KAVO_ENCODING_PCM_32 19
+#define KAVO_ENCODING_FLOAT_32 20
+#define KAVO_ENCODING_MULAW 21
+#define KAVO_ENCODING_ALAW 22
+
+/* What a conversion did. Every call that passes the argument checks writes it; after a
+ * failure it holds what was learned before the failure and zeros elsewhere. "Before the gain" means the 8000 Hz mono samples as the coder receives them;
+ * all the sample figures are over the samples coded (whole 160-sample frames; a partial
+ * frame at the end is not coded). Offsets are the same for every compiler. */
+typedef struct kavo_report {
+    uint32_t size;          /*  0: sizeof(kavo_report) as the program knows it */
+    int32_t input_kind;     /*  4: KAVO_INPUT_MP3 or KAVO_INPUT_WAV */
+    int32_t encoding;       /*  8: KAVO_ENCODING_* */
+    int32_t sample_rate;    /* 12: Hz; for MP3 that of the last frame delivered, which decides
+                                   how the whole decoded stream is read */
+    int32_t channels;       /* 16: 1 or 2; for MP3 those of the last frame delivered */
+    int32_t format_changed; /* 20: 1 when the MP3 stream changed rate or channels on the way */
+    int64_t input_frames;   /* 24: sample frames the conversion takes from the input */
+    double input_seconds;   /* 32: input_frames / sample_rate */
+    int64_t mp3_frames;     /* 40: MP3 frames decoded (0 for WAV) */
+    int64_t skipped_bytes;  /* 48: bytes of tags or wrappers around the audio, skipped (an
+                                   MP3 is read whole today: 0) */
+    int64_t output_bytes;   /* 56: ADPCM bytes written, 80 per 160 samples */
+    double output_seconds;  /* 64: output_bytes / 4000 */
+    double gain;            /* 72: the gain applied */
+    int32_t highest;        /* 80: the highest 8000 Hz sample before the gain (0 if none) */
+    int32_t lowest;         /* 84: the lowest 8000 Hz sample before the gain (0 if none) */
+    double max_gain;        /* 88: the largest gain g > 0 that wraps no sample: the smaller
+                                   of the two below */
+    double max_gain_high;   /* 96: the largest float g > 0 with trunc(highest x g) <= 32767;
+                                   FLT_MAX when highest <= 0 */
+    double max_gain_low;    /* 104: the largest float g > 0 with trunc(lowest x g) >= -32768;
+                                   FLT_MAX when lowest >= 0 */
+    int64_t wrapped;        /* 112: samples whose product with the gain left the 16-bit range
+                                   (trunc(x x gain) > 32767 or < -32768) and wrapped */
+} kavo_report;
+
+#define KAVO_REPORT_SIZE_1 120u
+/* Every field listed, so that no compiler warns of one missing: append to both together. */
+#define KAVO_REPORT_INIT \
+    {(uint32_t)sizeof(kavo_report), 0, 0, 0, 0, 0, 0, 0.0, 0, 0, 0, 0.0, 0.0, 0, 0, 0.0, 0.0, \
+     0.0, 0}
+
+/* Where a conversion reads and writes. The input: the file input_path, or when input_path is
+ * NULL the input_size bytes at input_data. The output: the file output_path (written by what
+ * it is, as kavo_convert_file does), or when output_path is NULL the write function (blocks of whole 80-byte frames, as kavo_convert_memory does).
+ * progress may be NULL; user is handed back to write and progress. */
+typedef struct kavo_io {
+    const char* input_path;
+    const void* input_data;
+    size_t input_size;
+    const char* output_path;
+    kavo_write_fn write;
+    kavo_progress_fn progress;
+    void* user;
+} kavo_io;
+
+/* Converts as io says with settings (NULL: the defaults) and fills report (may be NULL).
+ * Statuses and message as for kavo_convert_file and kavo_convert_memory; a record size below
+ * the first version's is KAVO_ERROR_ARGUMENT. */
+KAVO_API int kavo_convert(const kavo_io* io, const kavo_settings* settings, kavo_report* report,
+                          char* message, size_t message_size);
 
 /* A short English text for a status ("success", "invalid argument", ...); never NULL. */
 KAVO_API const char* kavo_status_text(int status);

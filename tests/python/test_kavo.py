@@ -45,6 +45,20 @@ class KavoModule(unittest.TestCase):
                 self.assertEqual(read(out), expected)
                 self.assertEqual(percents, sorted(percents))
                 self.assertEqual(percents[-1], 100)
+                result = kavo.convert(mp3, gain=gain)
+                self.assertEqual(result.adpcm, expected)
+                self.assertEqual(vars(kavo.convert(read(mp3), gain=gain)), vars(result))
+
+    def test_report_of_convert(self):
+        mp3 = os.path.join(FIXTURES, "speech_mono_22k.mp3")
+        result = kavo.convert(mp3)
+        self.assertEqual((result.input_kind, result.sample_rate, result.channels, result.gain),
+                         ("MP3", 22050, 1, 1.0))
+        self.assertEqual(result.output_seconds, len(result.adpcm) / 4000)
+        self.assertEqual(result.peak, max(result.highest, -result.lowest))
+        # The largest gain wraps nothing, a float32 or two above it wraps something.
+        self.assertEqual(kavo.convert(mp3, gain=result.max_gain).wrapped, 0)
+        self.assertGreater(kavo.convert(mp3, gain=result.max_gain * (1 + 2 ** -22)).wrapped, 0)
 
     def test_layer2_input_raises_and_keeps_the_existing_output(self):
         layer2 = os.path.join(FIXTURES, "layer2_m1_44k_stereo.mp2")
@@ -60,6 +74,24 @@ class KavoModule(unittest.TestCase):
         with self.assertRaises(kavo.Error) as raised:
             kavo.convert_bytes(read(layer2))
         self.assertEqual(raised.exception.status, kavo.ERROR_FORMAT)
+
+    def test_tags_and_wrappers_convert_like_their_bare_audio(self):
+        tags = os.path.join(FIXTURES, "tags")
+        with open(os.path.join(tags, "expected.tsv")) as table:
+            rows = [line.rstrip("\n").split("\t") for line in table if not line.startswith("#")]
+        for name, bare, _skipped, refusal in rows:
+            with self.subTest(name=name):
+                path = os.path.join(tags, name)
+                if refusal != "-":
+                    with self.assertRaises(kavo.Error) as raised:
+                        kavo.convert_bytes(read(path))
+                    self.assertIn(refusal, raised.exception.message)
+                    continue
+                expected = kavo.convert_bytes(read(os.path.join(tags, bare)))
+                self.assertEqual(kavo.convert_bytes(read(path)), expected)
+                out = os.path.join(self.tmp, "tagged.adpcm")
+                kavo.convert_file(path, out)
+                self.assertEqual(read(out), expected)
 
     def test_two_threads_at_once(self):
         # Each conversion waits in its first progress call until the other one has reached
