@@ -261,7 +261,6 @@ std::vector<std::string> report_lines(const std::string& name, const kavo_report
                        std::to_string(r.sample_rate) + " Hz " + channel_words(r.channels) +
                        format(" (%.2f s)", r.input_seconds);
     if (r.input_kind == KAVO_INPUT_MP3) read += " from " + grouped(r.mp3_frames) + " MP3 frames";
-    read += ", " + grouped(r.skipped_bytes) + " bytes of tags skipped";
     if (r.format_changed != 0) read += "; the stream changed rate or channels on the way";
     std::string level = name + ": 8000 Hz samples from " + std::to_string(r.lowest) + " to " +
                         std::to_string(r.highest) + " before the gain; the largest gain that "
