@@ -1,8 +1,9 @@
 // kavo convert: MP3 files and WAV prompts to ADPCM with the engine, in the command's own process.
 // One IN OUT pair, or any number of inputs into a directory on several threads; "-" reads
-// standard input or writes standard output. Each output is written beside its final
-// name and moved into place only when complete; Ctrl-C or SIGTERM stops every conversion at
-// its next block, removes the partial files and ends the command.
+// standard input or writes standard output. Each output is written by what its name is
+// (engine/output_target.h); -n skips the outputs already there, so a batch can be rerun.
+// Ctrl-C or SIGTERM stops every conversion at its next block, removes the partial files and
+// ends the command.
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -242,10 +243,9 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
         for (const std::string& line : report_lines(name, report)) console.info(line);
     }
     if (report.wrapped > 0) {
-        const std::string safe =
-            options.gain < 0 ? std::string("-").append(
-                                   safe_gain_text(-kavolib::largest_negative_gain(report)))
-                             : safe_gain_text(report.max_gain);
+        std::string safe = options.gain < 0 ? "-" : "";
+        safe += safe_gain_text(options.gain < 0 ? -kavolib::largest_negative_gain(report)
+                                                : report.max_gain);
         console.warning(name + ": " + grouped(report.wrapped) +
                         (report.wrapped == 1 ? " sample" : " samples") + " wrapped at gain " +
                         gain_text(options.gain) + " (the " +

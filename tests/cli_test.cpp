@@ -391,15 +391,15 @@ struct OutputCase {
 };
 
 const OutputCase kOutputCases[] = {
-    {"new name", Made::nothing, 0, "wrote ", KAVO_OK, ""},
-    {"file", Made::file, 0, "wrote ", KAVO_OK, ""},
-    {"link", Made::link, 0, "wrote ", KAVO_OK, ""},
-    {"dangling link", Made::dangling_link, 0, "wrote ", KAVO_OK, ""},
-    {"FIFO", Made::fifo, 0, "wrote ", KAVO_OK, ""},
-    {"socket", Made::socket, 0, "wrote ", KAVO_OK, ""},
-    {"device", Made::null_device, 0, "wrote ", KAVO_OK, ""},
-    {"full device", Made::full_device, 1, "No space left on device", KAVO_ERROR_WRITE, "No space left on device"},
-    {"directory", Made::directory, 2, "is a directory", KAVO_ERROR_WRITE, "Is a directory"},
+    {"a new name", Made::nothing, 0, "wrote ", KAVO_OK, ""},
+    {"a file", Made::file, 0, "wrote ", KAVO_OK, ""},
+    {"a link", Made::link, 0, "wrote ", KAVO_OK, ""},
+    {"a dangling link", Made::dangling_link, 0, "wrote ", KAVO_OK, ""},
+    {"a FIFO", Made::fifo, 0, "wrote ", KAVO_OK, ""},
+    {"a socket", Made::socket, 0, "wrote ", KAVO_OK, ""},
+    {"a device", Made::null_device, 0, "wrote ", KAVO_OK, ""},
+    {"a full device", Made::full_device, 1, "No space left on device", KAVO_ERROR_WRITE, "No space left on device"},
+    {"a directory", Made::directory, 2, "is a directory", KAVO_ERROR_WRITE, "Is a directory"},
     {"link to the input", Made::link_to_input, 2, "is an MP3 file", KAVO_ERROR_ARGUMENT, "is the input file"},
     {"another MP3", Made::mp3, 2, "is an MP3 file", KAVO_OK, ""},
 };

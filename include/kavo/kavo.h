@@ -185,7 +185,8 @@ typedef struct kavo_report {
     int64_t input_frames;   /* 24: sample frames the conversion takes from the input */
     double input_seconds;   /* 32: input_frames / sample_rate */
     int64_t mp3_frames;     /* 40: MP3 frames decoded (0 for WAV) */
-    int64_t skipped_bytes;  /* 48: bytes of tags or wrappers around the audio, skipped */
+    int64_t skipped_bytes;  /* 48: bytes of tags or wrappers around the audio, skipped (an
+                                   MP3 is read whole today: 0) */
     int64_t output_bytes;   /* 56: ADPCM bytes written, 80 per 160 samples */
     double output_seconds;  /* 64: output_bytes / 4000 */
     double gain;            /* 72: the gain applied */
@@ -208,9 +209,8 @@ typedef struct kavo_report {
      0.0, 0}
 
 /* Where a conversion reads and writes. The input: the file input_path, or when input_path is
- * NULL the input_size bytes at input_data. The output: the file output_path (written beside
- * it and renamed into place when complete, as kavo_convert_file does), or when output_path is
- * NULL the write function (blocks of whole 80-byte frames, as kavo_convert_memory does).
+ * NULL the input_size bytes at input_data. The output: the file output_path (written by what
+ * it is, as kavo_convert_file does), or when output_path is NULL the write function (blocks of whole 80-byte frames, as kavo_convert_memory does).
  * progress may be NULL; user is handed back to write and progress. */
 typedef struct kavo_io {
     const char* input_path;

@@ -99,11 +99,11 @@ int convert(const kavo_io& io, const kavo_settings& settings, kavo_report* repor
     if (!std::isfinite(settings.gain)) {
         return refuse(message, message_size, "the gain is not a finite number");
     }
+    FileInput in{nullptr};
     try {
         MemoryInput memory{static_cast<const uint8_t*>(io.input_data),
                            io.input_data == nullptr ? 0 : io.input_size, 0};
         EngineInput input{memory.reader(), memory_failed};
-        FileInput in;
         if (io.input_path != nullptr) {
             errno = 0;
             in.file = std::fopen(io.input_path, "rb");
@@ -131,6 +131,7 @@ int convert(const kavo_io& io, const kavo_settings& settings, kavo_report* repor
         if (in.file != nullptr) std::fclose(in.file);
         return status;
     } catch (const std::bad_alloc&) {
+        if (in.file != nullptr) std::fclose(in.file);
         set_message(message, message_size, "out of memory");
         return KAVO_ERROR_MEMORY;
     }
