@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <regex>
 #include <tuple>
 #include <sstream>
 #include <string>
@@ -52,10 +53,11 @@ int append(void* user, const void* bytes, size_t size) {
     return 0;
 }
 
-int convert(const std::string& input, std::string& out, std::string& message) {
+int convert(const std::string& input, std::string& out, std::string& message,
+            kavo_report* report = nullptr) {
     char text[256] = "";
-    const int status = kavo_convert_memory(input.data(), input.size(), 1.0f, append, nullptr,
-                                           &out, text, sizeof text);
+    const kavo_io io{nullptr, input.data(), input.size(), nullptr, append, nullptr, &out};
+    const int status = kavo_convert(&io, nullptr, report, text, sizeof text);
     message = text;
     return status;
 }
@@ -66,7 +68,15 @@ TEST_P(Surroundings, ConvertLikeTheBareAudioAndAreNamed) {
     const Row& row = GetParam();
     const std::string path = kTags + row.file;
     std::string engine, message;
-    const int status = convert(read_file(path), engine, message);
+    kavo_report report = KAVO_REPORT_INIT;
+    const int status = convert(read_file(path), engine, message, &report);
+    // The report counts the bytes the table's items add up to.
+    int64_t skipped = 0;
+    std::istringstream items(row.skipped);
+    for (std::string word, last; items >> word; last = word) {
+        if (word.starts_with("bytes")) skipped += std::stoll(std::regex_replace(last, std::regex(","), ""));
+    }
+    EXPECT_EQ(report.skipped_bytes, skipped);
     TempDir dir;
     const auto command = run_kavo({"convert", "-v", path, dir.file("out.adpcm")});
     const std::string said = row.skipped == "-" ? "" : ": skipped " + row.skipped + "\n";
@@ -127,14 +137,22 @@ class Wav : public testing::TestWithParam<WavCase> {};
 TEST_P(Wav, EveryEncodingConvertsLikeThe16BitWavSoxMakesOfIt) {
     const WavCase& c = GetParam();
     TempDir dir;
-    for (const char* encoding : {"-e u-law", "-e a-law", "-e unsigned -b 8", "-b 16", "-b 24",
-                                 "-b 32", "-e floating-point -b 32"}) {
+    for (const auto& [encoding, reported] :
+         {std::pair{"-e u-law", KAVO_ENCODING_MULAW}, std::pair{"-e a-law", KAVO_ENCODING_ALAW},
+          std::pair{"-e unsigned -b 8", KAVO_ENCODING_PCM_U8}, std::pair{"-b 16", KAVO_ENCODING_PCM_16},
+          std::pair{"-b 24", KAVO_ENCODING_PCM_24}, std::pair{"-b 32", KAVO_ENCODING_PCM_32},
+          std::pair{"-e floating-point -b 32", KAVO_ENCODING_FLOAT_32}}) {
         SCOPED_TRACE(encoding);
         const std::string made = std::string("sox -R -D -n -r ") + c.rate + " -c " + c.channels +
                                  " " + encoding + " enc.wav synth 0.4 sine 200-3400 whitenoise " +
                                  "gain " + c.gain + " && sox -D enc.wav -e signed-integer -b 16 lin.wav";
         ASSERT_EQ(run_process({"/bin/sh", "-c", made}, dir.path()).exit_code, 0);
         const std::string ours = convert_or_fail(read_file(dir.file("enc.wav")));
+        kavo_report report = KAVO_REPORT_INIT;
+        std::string out, message;
+        convert(read_file(dir.file("enc.wav")), out, message, &report);
+        EXPECT_EQ(std::vector<int>({report.input_kind, report.encoding, report.sample_rate, report.channels}),
+                  std::vector<int>({KAVO_INPUT_WAV, reported, std::stoi(c.rate), std::stoi(c.channels)}));
         EXPECT_TRUE(ours == convert_or_fail(read_file(dir.file("lin.wav"))));
         const auto command = run_kavo({"convert", "-q", "enc.wav", "cmd.adpcm"}, dir.path());
         EXPECT_EQ(command.exit_code, 0) << command.err;
