@@ -285,7 +285,34 @@ std::vector<std::string> report_lines(const std::string& name, const kavo_report
                         std::to_string(r.highest) + " before the gain; the largest gain that "
                         "wraps none is " + safe_gain_text(r.max_gain) +
                         format("; %.2f s written", r.output_seconds);
-    return {read, level};
+    std::vector<std::string> lines{read, level};
+    if (r.speech != 0) {
+        lines.push_back(name + format(": speech level %.1f dBov before the gain, active %.0f %%",
+                                      r.level, r.activity * 100.0));
+    } else {
+        lines.push_back(name + ": no speech level (nothing active)");
+    }
+    return lines;
+}
+
+// What a target chose, when it could not do what was asked: the input is silent, no speech
+// was found, or the gain asked for wraps samples. Empty when the target was reached.
+std::string target_line(const std::string& name, const ConvertOptions& options,
+                        const kavo_report& r) {
+    const bool silent = r.highest == 0 && r.lowest == 0;
+    if (options.target == KAVO_TARGET_LEVEL) {
+        if (r.speech == 0) return name + ": no speech found to measure a level on; gain 1.0";
+        if (r.gain_capped == 0) return {};
+        const double asked = std::pow(10.0, (options.target_db - r.level) / 20.0);
+        return name + format(": %.1f dBov needs gain %.3g, which wraps samples; ",
+                             options.target_db, asked) +
+               "the largest gain that wraps none, " + gain_text(static_cast<float>(r.gain)) +
+               format(", reaches %.1f dBov", r.level_reached);
+    }
+    if (silent) return name + ": silent: no peak to bring up; gain 1.0";
+    if (r.gain_capped == 0) return {};
+    return name + ": the gain asked for wraps samples; the largest gain that wraps none, " +
+           gain_text(static_cast<float>(r.gain)) + ", is used";
 }
 
 // An input the engine found no Layer III frame in: an MP3 without audio, or no MP3 at all.
@@ -353,12 +380,17 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
     std::string wav_message;
     int status = KAVO_OK;
     kavo_report report = KAVO_REPORT_INIT;
+    if (is_wav && options.target != KAVO_TARGET_NONE) {
+        return failure("--peak, --level and --gain max take MP3 inputs; convert the WAV with --gain");
+    }
     if (is_wav) {
         status = convert_wav(wav, options.gain, write_output, show_progress, &context, wav_message);
     } else {
         kavolib::EngineInput engine_input = input.engine_input();
-        status = kavolib::run_engine(engine_input, kavolib::settings_with_gain(options.gain),
-                                     write_output, show_progress, &context, &report, message,
+        kavo_settings settings = kavolib::settings_with_gain(options.gain);
+        settings.target = options.target;
+        settings.target_db = options.target_db;
+        status = kavolib::run_engine(engine_input, settings, write_output, show_progress, &context, &report, message,
                                      sizeof message);
     }
     if (status == KAVO_ERROR_STOPPED && interrupted()) return {Result::interrupted, {}};
@@ -394,9 +426,16 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
                         (options.gain < 0 ? "negative gain of largest magnitude" : "largest gain") +
                         " that wraps none is " + safe + ")");
     }
+    std::string chosen;
+    if (options.target != KAVO_TARGET_NONE) {
+        const std::string warning = target_line(name, options, report);
+        if (!warning.empty()) console.warning(warning);
+        chosen = ", gain " + gain_text(static_cast<float>(report.gain));
+        if (report.speech != 0) chosen += format(", speech level %.1f dBov", report.level_reached);
+    }
     // 4000 bytes of codes per second of 8000 Hz audio.
     console.info("wrote " + out + ": " + std::to_string(context.bytes) + " bytes, " +
-                 format("%.2f s", static_cast<double>(context.bytes) / 4000.0));
+                 format("%.2f s", static_cast<double>(context.bytes) / 4000.0) + chosen);
     return {Result::converted, {}};
 }
 
