@@ -17,6 +17,8 @@ struct ConvertOptions {
     std::string out_dir;
     unsigned jobs = 0;  // 0: one per core
     float gain = 1.0f;
+    int target = 0;  // KAVO_TARGET_*: --peak, --level or --gain max choose the gain
+    float target_db = 0.0f;
     bool quiet = false;
     bool verbose = false;
     bool no_clobber = false;

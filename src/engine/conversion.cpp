@@ -38,6 +38,7 @@
 #endif
 
 #include "adpcm/adpcm_core.h"
+#include "engine/speech_level.h"
 #include "engine/stream_scan.h"
 #include "frame/codec.h"
 #include "frame/frame_sync.h"
@@ -346,7 +347,8 @@ class Conversion {
 public:
     Conversion(EngineInput& input, const kavo_settings& settings, kavo_write_fn write,
                kavo_progress_fn progress, void* user, kavo_report& report)
-        : input_(input), gain_(settings.gain), write_(write), progress_(progress), user_(user),
+        : input_(input), gain_(settings.gain), target_(settings.target),
+          target_db_(settings.target_db), write_(write), progress_(progress), user_(user),
           report_(report) {}
 
     int run(char* message, size_t message_size, InputLayout* described);
@@ -362,6 +364,8 @@ private:
     bool flush_output();
     void report(int percent);
     void note_levels(const int16_t* samples);
+    bool code_frame(int16_t* samples);
+    bool code_held();
     void finish_report();
 
     static size_t read_mono_io(void* context, int16_t* dst, size_t n) {
@@ -373,6 +377,8 @@ private:
 
     EngineInput& input_;
     float gain_;
+    int32_t target_;  // KAVO_TARGET_*: the gain is chosen once every sample is known
+    float target_db_;
     kavo_write_fn write_;
     kavo_progress_fn progress_;
     void* user_;
@@ -413,6 +419,11 @@ private:
     int16_t lowest_ = INT16_MAX;
     int64_t wrapped_ = 0;
     int64_t frames_coded_ = 0;
+    SpeechLevel speech_;
+    GainChoice choice_;  // what a target chose
+
+    // With a target: every whole frame of 8000 Hz samples, held until the gain is chosen.
+    std::vector<int16_t> held_;
 
     // Declared last, so that it is destroyed first: the decode thread ends before anything
     // it uses goes.
@@ -536,6 +547,46 @@ void Conversion::finish_report() {
     r.max_gain_low = largest_gain_without_wrap(std::min(0, r.lowest));
     r.max_gain = std::min(r.max_gain_high, r.max_gain_low);
     r.wrapped = wrapped_;
+    r.gain = gain_;
+    r.gain_capped = choice_.capped ? 1 : 0;
+    const SpeechLevel::Result speech = speech_.result();
+    if (speech.active) {
+        r.speech = 1;
+        r.level = speech.level;
+        r.activity = speech.activity;
+        r.level_reached = level_with_gain(speech.level, gain_);
+    }
+}
+
+// Codes one whole frame (the gain changes it in place) into the output, handed on when full.
+bool Conversion::code_frame(int16_t* samples) {
+    note_levels(samples);
+    adpcm_encode_frame(adpcm_, samples, gain_, output_ + output_fill_);
+    ++frames_coded_;
+    output_fill_ += kAdpcmFrameBytes;
+    return output_fill_ < sizeof output_ || flush_output();
+}
+
+// With a target, once the resampler is done: the gain chosen from all the samples, then the
+// samples coded with it.
+bool Conversion::code_held() {
+    int16_t highest = 0;
+    int16_t lowest = 0;
+    if (!held_.empty()) {
+        const auto [low, high] = std::minmax_element(held_.begin(), held_.end());
+        highest = *high;
+        lowest = *low;
+    }
+    switch (target_) {
+    case KAVO_TARGET_PEAK: choice_ = peak_gain(target_db_, highest, lowest); break;
+    case KAVO_TARGET_LEVEL: choice_ = level_gain(target_db_, speech_.result(), highest, lowest); break;
+    default: choice_ = max_gain(highest, lowest); break;
+    }
+    gain_ = choice_.gain;
+    for (size_t at = 0; at < held_.size(); at += kAdpcmFrameSamples) {
+        if (!code_frame(held_.data() + at)) return false;
+    }
+    return true;
 }
 
 // The resampler's output: whole 160-sample frames are coded; a partial frame at the end is not.
@@ -546,12 +597,13 @@ int Conversion::take_output(const int16_t* samples, size_t n) {
         frame_fill_ += static_cast<int>(count);
         i += count;
         if (frame_fill_ < kAdpcmFrameSamples) break;
-        note_levels(frame_);
-        adpcm_encode_frame(adpcm_, frame_, gain_, output_ + output_fill_);
-        ++frames_coded_;
         frame_fill_ = 0;
-        output_fill_ += kAdpcmFrameBytes;
-        if (output_fill_ == sizeof output_ && !flush_output()) return 1;
+        speech_.add(frame_, kAdpcmFrameSamples);
+        if (target_ != KAVO_TARGET_NONE) {
+            held_.insert(held_.end(), frame_, frame_ + kAdpcmFrameSamples);
+        } else if (!code_frame(frame_)) {
+            return 1;
+        }
     }
     return 0;
 }
@@ -651,6 +703,9 @@ int Conversion::convert(double factor, int64_t n_frames) {
     mono_total_ = n_frames;
     adpcm_init(adpcm_);
     report(0);
+    if (target_ != KAVO_TARGET_NONE) {
+        held_.reserve(static_cast<size_t>(m_frames) / kAdpcmFrameSamples * kAdpcmFrameSamples);
+    }
 
     const FilterSet filter = largeFilter();
     ResampleIo io{read_mono_io, write_io, nullptr, this, nullptr};
@@ -661,6 +716,10 @@ int Conversion::convert(double factor, int64_t n_frames) {
     // conversion (as the decode on demand would be), stopped at once after a failure.
     if (written >= 0 && written != kResampleStopped && !stopped_) feed_.drain();
     feed_.stop();
+    if (target_ != KAVO_TARGET_NONE && written >= 0 && !stopped_ &&
+        !input_.failed(input_.reader.context) && !code_held()) {
+        stopped_ = true;
+    }
     finish_report();
     if (written == kResampleStopped || stopped_) return fail(KAVO_ERROR_STOPPED, "the write function asked to stop");
     if (written < 0) return fail(KAVO_ERROR_FORMAT, "resampling failed: %s", io.failure != nullptr ? io.failure : "");

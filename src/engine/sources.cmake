@@ -1,2 +1,3 @@
 list(APPEND KAVO_SOURCES engine/stream_scan.cpp engine/conversion.cpp engine/kavo_api.cpp
-  engine/output_target.cpp)
+  engine/output_target.cpp
+  engine/speech_level.cpp)
