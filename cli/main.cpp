@@ -73,7 +73,7 @@ std::string failure_line(const CLI::App* app, const CLI::Error& e) {
 int main(int argc, char** argv) {
     using namespace kavocli;
     CLI::App app{
-        "kavo: MP3 (MPEG-1/2/2.5 Layer III) or 16-bit WAV to 8000 Hz 32 kbit/s 4-bit ADPCM",
+        "kavo: MP3 (MPEG-1/2/2.5 Layer III) or WAV to 8000 Hz 32 kbit/s 4-bit ADPCM",
         "kavo"};
     app.set_version_flag("--version", "kavo 1.2");
     app.failure_message(failure_line);
@@ -102,7 +102,7 @@ int main(int argc, char** argv) {
     bool quiet = false;
 
     auto* convert =
-        app.add_subcommand("convert", "MP3 or 16-bit PCM WAV files to packed 4-bit ADPCM");
+        app.add_subcommand("convert", "MP3 files (tags skipped) or WAV files to packed 4-bit ADPCM");
     convert
         ->add_option("FILES", convert_options.files,
                      "IN OUT, or the inputs with -o DIR; '-' is standard input or output")

@@ -1,4 +1,6 @@
-"""MP3 (MPEG-1/2/2.5 Layer III) to 8000 Hz 32 kbit/s 4-bit ADPCM, through libkavo.
+"""MP3 (MPEG-1/2/2.5 Layer III) or WAV to 8000 Hz 32 kbit/s 4-bit ADPCM, through libkavo.
+The input is recognised by its content: tags around MP3 frames are skipped; WAV may hold
+8, 16, 24 or 32-bit PCM, 32-bit float, mu-law or A-law samples, mono or stereo, 8 to 48 kHz.
 
     import kavo
     kavo.convert_file("prompt.mp3", "prompt.adpcm")             # gain 1.0
@@ -34,7 +36,7 @@ OK = 0
 ERROR_ARGUMENT = -1   # an empty path, or a gain that is not finite
 ERROR_READ = -2       # the input cannot be opened or read
 ERROR_WRITE = -3      # the output cannot be written
-ERROR_FORMAT = -4     # no Layer III frame, or a Layer I or II frame
+ERROR_FORMAT = -4     # no Layer III frame, a Layer I or II frame, or a WAV not converted
 ERROR_MEMORY = -5     # memory for the conversion could not be allocated
 ERROR_STOPPED = -6    # the conversion was stopped (an exception while taking the output)
 
