@@ -30,6 +30,34 @@ Samples then_silence(Samples s, size_t n) {
     return s;
 }
 
+// The measurement as the method states it: each threshold's count and hangover kept sample by
+// sample (the library counts lazily, from the run of thresholds crossed).
+kavolib::SpeechLevel::Result direct(const Samples& signal) {
+    const double g = std::exp(-1.0 / (8000 * 0.03));
+    double p = 0, q = 0, sum = 0;
+    std::vector<double> active(15, 0);
+    std::vector<int> hangover(15, 1600);
+    for (const int16_t v : signal) {
+        const double x = v / 32768.0;
+        sum += x * x;
+        p = g * p + (1 - g) * std::fabs(x);
+        q = g * q + (1 - g) * p;
+        for (int j = 0; j < 15; ++j) {
+            const bool crossed = q >= std::pow(2.0, j - 15);
+            if (crossed || hangover[j] < 1600) ++active[j];
+            hangover[j] = crossed ? 0 : std::min(hangover[j] + 1, 1600);
+        }
+    }
+    auto a = [&](int j) { return active[j] == 0 ? 100.0 : 10 * std::log10(sum / active[j]); };
+    auto d = [&](int j) { return a(j) - 20 * std::log10(std::pow(2.0, j - 15)); };
+    for (int j = 1; j < 15; ++j) {
+        if (d(j) > 15.9) continue;
+        const double level = a(j - 1) + (d(j - 1) - 15.9) / (d(j - 1) - d(j)) * (a(j) - a(j - 1));
+        return {true, level, sum / static_cast<double>(signal.size()) / std::pow(10.0, level / 10)};
+    }
+    return {};
+}
+
 struct Known {
     const char* name;
     Samples signal;
@@ -56,6 +84,10 @@ TEST(SpeechLevel, MeasuresSignalsOfKnownLevel) {
         EXPECT_EQ(r.active, c.activity > 0) << c.name;
         if (!std::isnan(c.level)) { EXPECT_NEAR(r.level, c.level, 0.1) << c.name; }
         EXPECT_NEAR(r.activity, c.activity, 0.02) << c.name;
+        const kavolib::SpeechLevel::Result model = direct(c.signal);
+        EXPECT_EQ(r.active, model.active) << c.name;
+        EXPECT_NEAR(r.level, model.level, 1e-9) << c.name;
+        EXPECT_NEAR(r.activity, model.activity, 1e-9) << c.name;
     }
 }
 
@@ -98,6 +130,9 @@ TEST_P(Targets, ReachTheirValueOrTheLargestGainThatWrapsNone) {
     kavolib::SpeechLevel meter;
     meter.add(pcm8k.data(), pcm8k.size());
     const kavolib::SpeechLevel::Result level = meter.result();
+    const kavolib::SpeechLevel::Result model = direct(pcm8k);
+    EXPECT_EQ(level.active, model.active);
+    EXPECT_NEAR(level.level, model.level, 1e-9);
 
     auto convert = [&](const kavo_settings& settings, std::string& adpcm) {
         kavo_report report = KAVO_REPORT_INIT;
