@@ -1,42 +1,75 @@
-// kavo decode IN OUT: the decode phase alone, MP3 to 16-bit PCM in the form OUT's name selects
-// (".pcm" raw, ".wav" WAV, ".txt" hexadecimal text). It runs in a private working directory in
-// a child process, so a failure leaves OUT untouched and no temporary file behind.
+// kavo decode IN OUT: the engine's decode alone, MP3 to 16-bit PCM in the form OUT's name
+// selects (".pcm" raw, ".wav" or ".TM2" WAV, ".txt" hexadecimal text), in the command's own
+// process. The input is read as convert reads it (tags and wrappers skipped, the same refusals);
+// the output is written beside OUT and moved into place only when complete.
 #include <cstdio>
 #include <filesystem>
 #include <string>
 
 #include "commands.h"
-#include "entry/decode_loop.h"
+#include "engine/conversion.h"
+#include "engine/output_target.h"
+#include "input_file.h"
 #include "pcmout/pcm_output.h"
-#include "workdir.h"
 
 namespace kavocli {
 
-int cmd_decode(const std::string& in, const std::string& out, bool quiet) {
+namespace {
+
+struct DecodeOutput {
+    kavolib::OutputTarget& target;
+    std::string write_error;
+    unsigned long long bytes = 0;
+};
+
+int write_decoded(void* user, const void* bytes, size_t size) {
+    auto& out = *static_cast<DecodeOutput*>(user);
+    if (!out.target.write(bytes, size, out.write_error)) return 1;
+    out.bytes += size;
+    return 0;
+}
+
+}  // namespace
+
+int cmd_decode(const std::string& in, const std::string& out, bool quiet, bool verbose) {
     const std::string name = std::filesystem::path(out).filename().string();
-    if (kavolib::choose_output_form(name.c_str()) == kavolib::OutputForm::none) {
+    const kavolib::OutputForm form = kavolib::choose_output_form(name.c_str());
+    if (form == kavolib::OutputForm::none) {
         std::fprintf(stderr,
                      "kavo: '%s' selects no output form: the name must contain .wav, .pcm, .TM2 "
                      "or .txt\n",
                      out.c_str());
         return kExitUsage;
     }
-    std::string why;
-    if (!readable(in, why)) {
+    auto failed = [&](const std::string& why) {
         std::fprintf(stderr, "kavo: %s: %s\n", in.c_str(), why.c_str());
         return kExitFailed;
+    };
+    if (in != "-" && kavolib::same_file(in, out)) {
+        return failed("the output '" + out + "' would replace the input");
     }
-    const std::string input = absolute_path(in);
-    const int code = run_privately(name, out, quiet, [&]() {
-        kavolib::decode_phase(input.c_str(), name.c_str(), nullptr, 0);
-        return 0;
-    });
-    if (code > 0) {
-        std::fputc('\n', stderr);  // the library's own message ends without a line end
-        report_not_written("decoding", in, code, out);
+    InputFile input;
+    std::string why;
+    if (!input.open(in, why)) return failed(why);
+    const kavolib::InputLayout layout = kavolib::find_layout(input.reader());
+    if (!accepted(input, layout, why)) return failed(why);
+    if (verbose && !layout.skipped.empty()) {
+        std::fprintf(stderr, "%s: skipped %s\n", in.c_str(),
+                     kavolib::describe_skipped(layout.skipped).c_str());
     }
-    if (code != 0) return kExitFailed;
-    report_written(out, quiet);
+    kavolib::OutputTarget target;
+    if (!target.open(out, false, why)) return failed("cannot write '" + out + "': " + why);
+    DecodeOutput output{target, {}};
+    char message[256] = "";
+    kavolib::EngineInput engine_input = input.engine_input();
+    const int status = kavolib::run_decode(engine_input, form, write_decoded, &output, message,
+                                           sizeof message);
+    if (!input.unchanged(why)) return failed(why);
+    if (!output.write_error.empty()) return failed("cannot write '" + out + "': " + output.write_error);
+    if (status != KAVO_OK) return failed(failure_text(in, input, layout, status, message));
+    bool exists = false;
+    if (!target.commit(true, exists, why)) return failed("cannot write '" + out + "': " + why);
+    if (!quiet) std::fprintf(stderr, "wrote '%s': %llu bytes\n", out.c_str(), output.bytes);
     return kExitOk;
 }
 

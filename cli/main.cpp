@@ -164,6 +164,8 @@ int main(int argc, char** argv) {
 #ifdef KAVO_STAGE_COMMANDS
     auto* decode = add_stage("decode", "MP3 file to 16-bit PCM (.wav, .pcm or .txt by OUT's name)",
                              "MP3 input file", "decoded output file");
+    bool decode_verbose = false;
+    decode->add_flag("-v,--verbose", decode_verbose, "also name the tags and wrappers skipped");
     auto* mix = add_stage("mix", "16-bit WAV to mono WAV (average of the two channels)",
                           "16-bit WAV input", "mono WAV output");
     auto* resample = add_stage("resample", "16-bit WAV to 8000 Hz WAV (windowed-sinc filter)",
@@ -207,7 +209,7 @@ int main(int argc, char** argv) {
     if (*convert) return cmd_convert(convert_options);
     if (*expand) return cmd_expand(in, out, quiet);
 #ifdef KAVO_STAGE_COMMANDS
-    if (*decode) return cmd_decode(in, out, quiet);
+    if (*decode) return cmd_decode(in, out, quiet, decode_verbose);
     if (*mix) return cmd_mix(in, out, quiet);
     if (*resample) return cmd_resample(in, out, quiet);
     if (*encode) return cmd_encode(in, out, gain, quiet);

@@ -162,7 +162,9 @@ def _path(name):
 def convert_file(inp, out, gain=1.0, progress=None):
     """Converts the MP3 file inp into the ADPCM file out, every 8000 Hz sample times gain.
 
-    out appears only when complete: on failure an existing out is left as it was. progress,
+    A file out appears only when complete: on failure an existing one is left as it was. A
+    link is followed to its target; a device, FIFO or socket is written in place; out that is
+    inp itself (by any path or link) is refused. progress,
     when given, is called with the percentage done (0 to 100, rising, 100 last), on the
     calling thread; an exception it raises is raised again when the conversion has ended.
     Raises kavo.Error when the conversion fails."""

@@ -112,10 +112,10 @@ TEST(CliConvert, OneFileTalksLikeACommandLineTool) {
         {{"-q", "in.mp3", "out.adpcm"}, ""},
         {{"-v", "in.mp3", "out.adpcm"},
          "in.mp3: MPEG-2 Layer III, 22050 Hz, mono, 32 kbit/s, 147 frames, 3.84 s\n"
-         "in.mp3: read 84,672 sample frames at 22050 Hz mono (3.84 s) from 147 MP3 frames, 0 "
-         "bytes of tags skipped\nin.mp3: 8000 Hz samples from -27545 to 27266 before the gain; "
-         "the largest gain that wraps none is 1.18; 3.84 s written\nin.mp3: speech level -21.2 dBov "
-         "before the gain, active 86 %\n" + wrote},
+         "in.mp3: read 84,672 sample frames at 22050 Hz mono (3.84 s) from 147 MP3 frames\n"
+         "in.mp3: 8000 Hz samples from -27545 to 27266 before the gain; the largest gain that "
+         "wraps none is 1.18; 3.84 s written\nin.mp3: speech level -21.2 dBov before the gain, "
+         "active 86 %\n" + wrote},
         {{"in.mp3", "old.adpcm"}, "wrote 'old.adpcm': 15360 bytes, 3.84 s\n"},
         {{"-q", "in.mp2", "old.adpcm"},
          "kavo: in.mp2: a Layer II frame at byte 0: only MPEG audio Layer III is converted\n"},
@@ -159,10 +159,10 @@ TEST(CliConvert, OneFileTalksLikeACommandLineTool) {
     EXPECT_EQ(run_kavo({"convert", "-v", "mixed.mp3", "out.adpcm"}, dir.path()).err,
               "mixed.mp3: MPEG-1 Layer III, 44100 Hz, mono, 64 kbit/s, 24 frames, 0.58 s; decoded "
               "as 48000 Hz mono\nmixed.mp3: read 27,648 sample frames at 48000 Hz mono (0.58 s) "
-              "from 24 MP3 frames, 0 bytes of tags skipped; the stream changed rate or channels on "
-              "the way\nmixed.mp3: 8000 Hz samples from -21549 to 22177 before the gain; the "
-              "largest gain that wraps none is 1.47; 0.56 s written\nmixed.mp3: speech level -9.8 dBov "
-              "before the gain, active 90 %\nwrote 'out.adpcm': 2240 "
+              "from 24 MP3 frames; the stream changed rate or channels on the way\nmixed.mp3: "
+              "8000 Hz samples from -21549 to 22177 before the gain; the largest gain that wraps "
+              "none is 1.47; 0.56 s written\nmixed.mp3: speech level -9.8 dBov before the gain, "
+              "active 90 %\nwrote 'out.adpcm': 2240 "
               "bytes, 0.56 s\n");
 }
 

@@ -200,8 +200,8 @@ typedef struct kavo_report {
     int64_t input_frames;   /* 24: sample frames the conversion takes from the input */
     double input_seconds;   /* 32: input_frames / sample_rate */
     int64_t mp3_frames;     /* 40: MP3 frames decoded (0 for WAV) */
-    int64_t skipped_bytes;  /* 48: bytes of tags or wrappers around the audio, skipped (an
-                                   MP3 is read whole today: 0) */
+    int64_t skipped_bytes;  /* 48: bytes skipped around MP3 audio: tags (ID3v2, ID3v1, APE,
+                                   Lyrics3) and a RIFF WAVE wrapper; 0 for WAV samples */
     int64_t output_bytes;   /* 56: ADPCM bytes written, 80 per 160 samples */
     double output_seconds;  /* 64: output_bytes / 4000 */
     double gain;            /* 72: the gain applied */

@@ -22,6 +22,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string>
 #include <system_error>
 #include <vector>
 
@@ -136,6 +137,9 @@ public:
         pcm_samples16(pcm_[0], out, kGranuleSamples);
         return kGranuleSamples;
     }
+
+    // The granule's samples as decoded, before rounding: channel ch at samples(ch).
+    const double* samples(int ch) const { return pcm_[ch]; }
 
 private:
     ByteSource& source_;
@@ -728,6 +732,90 @@ int Conversion::convert(double factor, int64_t n_frames) {
 }
 
 }  // namespace
+
+// The decode alone, as the decode phase writes its file: each granule rounded to 16 bits with
+// its own frame's channel count (raw, or behind the 44-byte header that the scan can fill in at
+// once), or as 24-bit hexadecimal text, one line per sample.
+int run_decode(EngineInput& input, OutputForm form, kavo_write_fn write, void* user,
+               char* message, size_t message_size, InputLayout* described) {
+    auto fail = [&](int status, const std::string& text) {
+        if (message != nullptr && message_size > 0) std::snprintf(message, message_size, "%s", text.c_str());
+        return status;
+    };
+    try {
+        const InputLayout layout = find_layout(input.reader);
+        if (described != nullptr) *described = layout;
+        if (input.failed(input.reader.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
+        if (layout.kind == InputKind::refused) return fail(KAVO_ERROR_FORMAT, layout.refusal);
+        if (layout.kind == InputKind::wav) {
+            return fail(KAVO_ERROR_FORMAT, "a WAV file of " +
+                                               std::string(wav_encoding_name(layout.wav.encoding)) +
+                                               " samples: only MPEG audio is decoded");
+        }
+        RangeSource range{&input.reader, layout.begin, layout.end, layout.begin};
+        ByteSource source = range.source();
+        const StreamScan scan = scan_stream(source);
+        if (input.failed(input.reader.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
+        if (scan.has_layer12) {
+            char text[128];
+            std::snprintf(text, sizeof text,
+                          "a Layer %s frame at byte %lld: only MPEG audio Layer III is converted",
+                          scan.layer12_layer == 1 ? "I" : "II",
+                          static_cast<long long>(scan.layer12_offset + static_cast<int64_t>(layout.begin)));
+            return fail(KAVO_ERROR_FORMAT, text);
+        }
+        if (scan.layer3_frames == 0) return fail(KAVO_ERROR_FORMAT, "no MPEG audio Layer III frame in the input");
+
+        std::vector<uint8_t> out;
+        out.reserve(1 << 16);
+        bool stopped = false;
+        auto flush = [&]() {
+            if (!stopped && !out.empty() && write(user, out.data(), out.size()) != 0) stopped = true;
+            out.clear();
+            return !stopped;
+        };
+        if (form == OutputForm::wav) {
+            uint8_t header[kWavHeaderSize];
+            // The file's length as the header holds it: 32 bits, as a file stream would tell it.
+            const auto length = static_cast<uint32_t>(kWavHeaderSize + 2 * scan.pcm_values);
+            make_wav_header(header, length, scan.last_channels, scan.last_rate);
+            out.insert(out.end(), header, header + kWavHeaderSize);
+        }
+        range.position = range.begin;
+        auto decoder = std::make_unique<Decoder>(source);
+        decoder->reset();
+        int16_t values[kGranuleValues];
+        for (int count; (count = decoder->next(values)) != 0;) {
+            if (form == OutputForm::text) {
+                const int channels = count / kGranuleSamples;
+                char line[16];
+                for (int i = 0; i < kGranuleSamples; ++i) {
+                    for (int ch = 0; ch < channels; ++ch) {
+                        // The text stream of the decode phase ends its lines the platform's way.
+#if defined(_WIN32)
+                        const int n = std::snprintf(line, sizeof line, "%06x\r\n", pcm_sample24(decoder->samples(ch)[i]));
+#else
+                        const int n = std::snprintf(line, sizeof line, "%06x\n", pcm_sample24(decoder->samples(ch)[i]));
+#endif
+                        out.insert(out.end(), line, line + n);
+                    }
+                }
+            } else {
+                for (int i = 0; i < count; ++i) {
+                    const auto v = static_cast<uint16_t>(values[i]);
+                    out.push_back(static_cast<uint8_t>(v & 0xFFu));
+                    out.push_back(static_cast<uint8_t>(v >> 8));
+                }
+            }
+            if (out.size() >= (1u << 16) && !flush()) break;
+        }
+        if (!flush()) return fail(KAVO_ERROR_STOPPED, "the write function asked to stop");
+        if (input.failed(input.reader.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
+        return fail(KAVO_OK, "");
+    } catch (const std::bad_alloc&) {
+        return fail(KAVO_ERROR_MEMORY, "out of memory");
+    }
+}
 
 double largest_negative_gain(const kavo_report& report) {
     return -std::min(largest_gain_without_wrap(-std::max(0, report.highest)),

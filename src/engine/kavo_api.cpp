@@ -136,6 +136,7 @@ int convert(const kavo_io& io, const kavo_settings& settings, kavo_report* repor
                                       message, message_size);
         } catch (...) {
             if (in.file != nullptr) std::fclose(in.file);
+            in.file = nullptr;  // closed once, not again by the handler below
             throw;
         }
         if (in.file != nullptr) std::fclose(in.file);
