@@ -3,7 +3,7 @@
 #include "engine/speech_level.h"
 
 #include <algorithm>
-#include <array>
+#include <bit>
 #include <cmath>
 #include <limits>
 
@@ -18,7 +18,7 @@ const double kSmoothing = std::exp(-1.0 / (8000.0 * 0.03));
 // The margin between the level and the threshold where the level is read, in dB.
 constexpr double kMargin = 15.9;
 
-// c_j = 2^(j - 15): exact in double.
+// c_j = 2^(j - 15).
 constexpr double threshold(int j) {
     return 1.0 / static_cast<double>(1 << (SpeechLevel::kThresholds - j));
 }
@@ -26,35 +26,35 @@ constexpr double threshold(int j) {
 }  // namespace
 
 void SpeechLevel::add(const int16_t* samples, size_t count) {
-    static constexpr auto kThreshold = [] {
-        std::array<double, kThresholds> c{};
-        for (int j = 0; j < kThresholds; ++j) c[static_cast<size_t>(j)] = threshold(j);
-        return c;
-    }();
     const double g = kSmoothing;
     double p = p_;
     double q = q_;
     double sum = sum_squares_;
+    int crossed = crossed_;
     for (size_t i = 0; i < count; ++i) {
         const double x = samples[i] / 32768.0;
         sum += x * x;
         p = g * p + (1.0 - g) * std::fabs(x);
         q = g * q + (1.0 - g) * p;
-        // Thresholds below the envelope are crossed: counted, hangover restarted. The others
-        // count while their hangover lasts, so the pauses inside speech count as speech.
-        for (int j = 0; j < kThresholds; ++j) {
-            if (q >= kThreshold[static_cast<size_t>(j)]) {
-                ++active_[j];
-                hangover_[j] = 0;
-            } else if (hangover_[j] < kHangover) {
-                ++active_[j];
-                ++hangover_[j];
+        // q >= c_j = 2^(j - 15) exactly for the j below k: its binary exponent says how many.
+        const auto exponent = static_cast<int>(std::bit_cast<uint64_t>(q) >> 52);
+        const int k = std::clamp(exponent - 1007, 0, kThresholds);
+        const int64_t n = samples_ + static_cast<int64_t>(i);
+        // Gaps that end here count their samples up to the hangover; gaps that begin here
+        // began after the sample before.
+        for (int j = crossed; j < k; ++j) {
+            if (last_crossed_[j] >= 0) {
+                gap_counted_[j] += std::min<int64_t>(n - 1 - last_crossed_[j], kHangover);
             }
         }
+        for (int j = k; j < crossed; ++j) last_crossed_[j] = n - 1;
+        ++samples_at_[k];
+        crossed = k;
     }
     p_ = p;
     q_ = q;
     sum_squares_ = sum;
+    crossed_ = crossed;
     samples_ += static_cast<int64_t>(count);
 }
 
@@ -62,10 +62,16 @@ SpeechLevel::Result SpeechLevel::result() const {
     Result r;
     double a_before = 0.0;
     double c_before = 0.0;
+    int64_t at_or_above = samples_;  // samples whose run covers threshold j
     for (int j = 0; j < kThresholds; ++j) {
-        const double a = active_[j] == 0
+        at_or_above -= samples_at_[j];
+        int64_t active = at_or_above + gap_counted_[j];
+        if (j >= crossed_ && last_crossed_[j] >= 0) {  // the gap still open at the end
+            active += std::min<int64_t>(samples_ - 1 - last_crossed_[j], kHangover);
+        }
+        const double a = active == 0
                              ? 100.0
-                             : 10.0 * std::log10(sum_squares_ / static_cast<double>(active_[j]));
+                             : 10.0 * std::log10(sum_squares_ / static_cast<double>(active));
         const double c = 20.0 * std::log10(threshold(j));
         if (j >= 1 && a - c <= kMargin) {
             // Where A - C = 15.9 on the straight line from the threshold before to this one.

@@ -20,10 +20,6 @@ public:
         double activity = 0.0;  // share of the samples counted active, 0..1
     };
 
-    SpeechLevel() {
-        for (int32_t& h : hangover_) h = kHangover;
-    }
-
     void add(const int16_t* samples, size_t count);
     Result result() const;
 
@@ -32,8 +28,20 @@ private:
     double q_ = 0.0;
     double sum_squares_ = 0.0;
     int64_t samples_ = 0;
-    int64_t active_[kThresholds] = {};
-    int32_t hangover_[kThresholds];
+    // The thresholds the envelope is at or above form a run from j = 0, so a sample's counts
+    // follow from the run's length k: samples_at_[k] counts the samples of each length. A
+    // threshold's hangover only matters in a gap between two of its crossings; gap_counted_[j]
+    // holds what the gaps that have ended counted, last_crossed_[j] the sample that began the
+    // current gap (-1 before the first crossing).
+    int64_t samples_at_[kThresholds + 1] = {};
+    int64_t gap_counted_[kThresholds] = {};
+    int64_t last_crossed_[kThresholds];
+    int crossed_ = 0;  // k of the last sample
+
+public:
+    SpeechLevel() {
+        for (int64_t& t : last_crossed_) t = -1;
+    }
 };
 
 // What a level or peak target chose.
