@@ -35,6 +35,7 @@
 #endif
 
 #include "adpcm/adpcm_core.h"
+#include "engine/gapless.h"
 #include "engine/stream_scan.h"
 #include "frame/codec.h"
 #include "layer3/layer3.h"
@@ -61,7 +62,9 @@ class Decoder {
 public:
     explicit Decoder(ByteSource& source) : source_(source) {}
 
-    void reset() {
+    // skip_first_frame: the first frame delivered holds the encoder's header, not audio.
+    void reset(bool skip_first_frame) {
+        skip_frame_ = skip_first_frame;
         frames_.sync_state = sync_pending;
         frames_.current = BitPosition{frames_.stream.bytes, 0, 0};
         layer3_reset(layer3_);
@@ -73,7 +76,11 @@ public:
     // Returns the number of values, 0 at the end of the decode.
     int next(int16_t* out) {
         if (granule_ >= granules_in_frame_) {
-            const FrameRead read = read_frame_from(frames_, reader_, header_, source_);
+            FrameRead read = read_frame_from(frames_, reader_, header_, source_);
+            if (skip_frame_ && read.result == 0) {
+                skip_frame_ = false;
+                read = read_frame_from(frames_, reader_, header_, source_);
+            }
             // The scan has refused inputs with a Layer I or II frame; stop at one all the same.
             if (read.result != 0 || header_.layer != 3) return 0;
             granules_in_frame_ = header_.granules;
@@ -119,6 +126,7 @@ private:
     int32_t granule_ = 0;
     int32_t granules_in_frame_ = 0;
     int32_t carried_error_ = 0;
+    bool skip_frame_ = false;
 };
 
 struct GranuleBlock {
@@ -281,14 +289,16 @@ bool want_decode_thread() {
 class Conversion {
 public:
     Conversion(EngineInput& input, float gain, kavo_write_fn write, kavo_progress_fn progress,
-               void* user)
-        : input_(input), gain_(gain), write_(write), progress_(progress), user_(user) {}
+               void* user, EngineOptions& options)
+        : input_(input), gain_(gain), write_(write), progress_(progress), user_(user), options_(options) {}
 
     int run(char* message, size_t message_size);
 
 private:
     int fail(int status, const char* format, ...) __attribute__((format(printf, 3, 4)));
     bool next_granule();
+    bool apply_gapless(const StreamScan& scan, int64_t& n_frames);
+    bool skip_front();
     size_t read_mono(int16_t* dst, size_t n);
     int take_output(const int16_t* samples, size_t n);
     bool flush_output();
@@ -306,6 +316,7 @@ private:
     kavo_write_fn write_;
     kavo_progress_fn progress_;
     void* user_;
+    EngineOptions& options_;
     char* message_ = nullptr;
     size_t message_size_ = 0;
 
@@ -323,6 +334,7 @@ private:
     int channels_ = 1;  // of the last frame delivered: how the decoded values are read back
     int64_t mono_done_ = 0;
     int64_t mono_total_ = 0;  // N
+    int64_t skip_frames_ = 0;  // decoded frames the gapless cut drops before the first of N
 
     // The coder.
     AdpcmState adpcm_{};
@@ -384,6 +396,7 @@ bool Conversion::next_granule() {
 // Up to n mono samples: N of them in all, past the end of the decoded values as silence.
 size_t Conversion::read_mono(int16_t* dst, size_t n) {
     size_t produced = 0;
+    if (skip_frames_ > 0 && !skip_front()) mono_done_ = mono_total_;
     while (produced < n && mono_done_ < mono_total_) {
         if (value_count_ - value_position_ < channels_) {
             if (!next_granule()) {
@@ -403,6 +416,7 @@ size_t Conversion::read_mono(int16_t* dst, size_t n) {
              static_cast<int64_t>(n - produced)}));
         const int16_t* in = values_ + value_position_;
         int16_t* out = dst + produced;
+        if (options_.decoded != nullptr) options_.decoded(user_, in, static_cast<size_t>(count * channels_));
         if (channels_ == 2) {
             for (int f = 0; f < count; ++f) out[f] = mix_pair(in[2 * f], in[2 * f + 1]);
         } else {
@@ -413,6 +427,33 @@ size_t Conversion::read_mono(int16_t* dst, size_t n) {
         mono_done_ += count;
     }
     return produced;
+}
+
+// Drops the decoded frames in front of the gapless cut; false when the decode ends first.
+bool Conversion::skip_front() {
+    while (skip_frames_ > 0) {
+        if (value_count_ - value_position_ < channels_) {
+            if (!next_granule()) return false;
+            continue;
+        }
+        const int64_t count = std::min<int64_t>((value_count_ - value_position_) / channels_, skip_frames_);
+        value_position_ += static_cast<int>(count) * channels_;
+        skip_frames_ -= count;
+    }
+    return true;
+}
+
+// The gapless cut on the decoded frames: without the header frame's values, n_frames becomes
+// the count kept and skip_frames_ the count in front. False when a header was not found.
+bool Conversion::apply_gapless(const StreamScan& scan, int64_t& n_frames) {
+    if (!options_.gapless || !scan.encoder.found) return false;
+    const int64_t header_values = int64_t{kGranuleSamples} * scan.granules * scan.channels;
+    const int64_t decoded = 2 * (scan.pcm_values - header_values) / (2 * channels_);
+    const GaplessCut cut = gapless_cut(scan.encoder, decoded, scan.layer3_frames - 1);
+    skip_frames_ = cut.skip;
+    n_frames = cut.keep;
+    granules_total_ -= scan.granules;
+    return true;
 }
 
 bool Conversion::flush_output() {
@@ -456,18 +497,28 @@ int Conversion::run(char* message, size_t message_size) {
     // size and block align as the header holds them), M = N x 8000 / rate, rounded.
     channels_ = scan.last_channels;
     const auto data_size = static_cast<int32_t>(static_cast<uint32_t>(2 * scan.pcm_values));
-    const int64_t n_frames = data_size / (2 * channels_);
+    int64_t n_frames = data_size / (2 * channels_);
     const double factor = 8000.0 / scan.last_rate;
-    const double m_frames = std::trunc(static_cast<double>(n_frames) * factor + 0.5);
+    double m_frames = std::trunc(static_cast<double>(n_frames) * factor + 0.5);
     if (2 * scan.pcm_values > INT32_MAX || n_frames < 1 || !(m_frames >= 1.0)) {
         return fail(KAVO_ERROR_FORMAT, "the input is too long: %lld decoded values",
                     static_cast<long long>(scan.pcm_values));
     }
-    mono_total_ = n_frames;
     granules_total_ = scan.pcm_frames / kGranuleSamples;
+    // With the gapless cut, N counts the frames kept and M follows it.
+    options_.gapless_applied = apply_gapless(scan, n_frames);
+    m_frames = std::trunc(static_cast<double>(n_frames) * factor + 0.5);
+    if (!(m_frames >= 1.0)) {
+        // The cut leaves less than one 8000 Hz sample: the output is empty.
+        report(0);
+        report(100);
+        if (message_ != nullptr && message_size_ > 0) message_[0] = '\0';
+        return KAVO_OK;
+    }
+    mono_total_ = n_frames;
 
     if (!input_.rewind(input_.source.context)) return fail(KAVO_ERROR_READ, "the input cannot be read again");
-    decoder_.reset();
+    decoder_.reset(options_.gapless_applied);
     adpcm_init(adpcm_);
     report(0);
     feed_.start(want_decode_thread());
@@ -495,8 +546,15 @@ int Conversion::run(char* message, size_t message_size) {
 
 int run_engine(EngineInput& input, float gain, kavo_write_fn write, kavo_progress_fn progress,
                void* user, char* message, size_t message_size) {
+    EngineOptions options;
+    return run_engine(input, gain, write, progress, user, message, message_size, options);
+}
+
+int run_engine(EngineInput& input, float gain, kavo_write_fn write, kavo_progress_fn progress,
+               void* user, char* message, size_t message_size, EngineOptions& options) {
+    options.gapless_applied = false;
     try {
-        auto conversion = std::make_unique<Conversion>(input, gain, write, progress, user);
+        auto conversion = std::make_unique<Conversion>(input, gain, write, progress, user, options);
         return conversion->run(message, message_size);
     } catch (const std::bad_alloc&) {
         if (message != nullptr && message_size > 0) {

@@ -1,1 +1,1 @@
-list(APPEND KAVO_SOURCES engine/stream_scan.cpp engine/conversion.cpp engine/kavo_api.cpp)
+list(APPEND KAVO_SOURCES engine/gapless.cpp engine/stream_scan.cpp engine/conversion.cpp engine/kavo_api.cpp)

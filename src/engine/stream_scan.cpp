@@ -4,6 +4,7 @@
 // decode will see.
 #include "engine/stream_scan.h"
 
+#include <algorithm>
 #include <memory>
 
 #include "engine/memory_source.h"
@@ -17,6 +18,16 @@ struct ScanState {
     BitReader reader;
     FrameHeader header;
 };
+
+// The encoder's header in the frame just delivered, whose bytes lie in the circular stream
+// buffer from its header on.
+EncoderHeader first_frame_header(const FrameState& frames, const FrameHeader& header) {
+    uint8_t bytes[kEncoderHeaderBytes];
+    const auto size = std::min(kEncoderHeaderBytes, static_cast<size_t>(std::max(header.frame_length, 0)));
+    const int32_t start = (frames.current.byte_index - 4 + kStreamBufferSize) % kStreamBufferSize;
+    for (size_t i = 0; i < size; ++i) bytes[i] = frames.stream.bytes[(start + static_cast<int32_t>(i)) % kStreamBufferSize];
+    return parse_encoder_header(bytes, size, header.id, header.channels);
+}
 
 }  // namespace
 
@@ -42,6 +53,7 @@ StreamScan scan_stream(ByteSource& source) {
             scan.bitrate_kbps = bitrate_kbps(header.layer, header.id, header.bitrate_index);
             scan.free_format = header.bitrate_index == 0;
             scan.granules = header.granules;
+            scan.encoder = first_frame_header(frames, header);
         }
         ++scan.frame_count;
         if (layer != 3) {

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "engine/gapless.h"
 #include "frame/frame_sync.h"
 
 namespace kavolib {
@@ -25,6 +26,7 @@ struct StreamScan {
     int32_t bitrate_kbps;      // 0 for free format
     bool free_format;
     int32_t granules;          // per frame: 2 for MPEG-1 Layer III, 1 for MPEG-2/2.5
+    EncoderHeader encoder;     // the encoder's header it holds, if any (encoder.found)
 
     // The last frame delivered (before any Layer I/II frame): its rate and channel count
     // describe the whole decoded PCM, as the decoded file's WAV header does.
