@@ -25,7 +25,7 @@ struct ConvertOptions {
 int cmd_convert(const ConvertOptions& options);
 
 // The stage subcommands: quiet leaves out everything but errors.
-int cmd_decode(const std::string& in, const std::string& out, bool quiet);
+int cmd_decode(const std::string& in, const std::string& out, bool quiet, bool gapless);
 int cmd_mix(const std::string& in, const std::string& out, bool quiet);
 int cmd_resample(const std::string& in, const std::string& out, bool quiet);
 int cmd_encode(const std::string& in, const std::string& out, float gain, bool quiet);

@@ -33,6 +33,7 @@ int main(int argc, char** argv) {
     std::string out;
     [[maybe_unused]] float gain = 1.0f;
     bool quiet = false;
+    [[maybe_unused]] bool gapless = false;
 
     auto* convert =
         app.add_subcommand("convert", "MP3 or 16-bit PCM WAV files to packed 4-bit ADPCM");
@@ -78,6 +79,9 @@ int main(int argc, char** argv) {
 #ifdef KAVO_STAGE_COMMANDS
     auto* decode = add_stage("decode", "MP3 file to 16-bit PCM (.wav, .pcm or .txt by OUT's name)",
                              "MP3 input file", "decoded output file");
+    decode->add_flag("--gapless", gapless,
+                     "leave out the encoder's delay and padding and its header frame, as the "
+                     "header in the first frame gives them");
     auto* mix = add_stage("mix", "16-bit WAV to mono WAV (average of the two channels)",
                           "16-bit WAV input", "mono WAV output");
     auto* resample = add_stage("resample", "16-bit WAV to 8000 Hz WAV (windowed-sinc filter)",
@@ -99,7 +103,7 @@ int main(int argc, char** argv) {
     if (*convert) return cmd_convert(convert_options);
     if (*expand) return cmd_expand(in, out, quiet);
 #ifdef KAVO_STAGE_COMMANDS
-    if (*decode) return cmd_decode(in, out, quiet);
+    if (*decode) return cmd_decode(in, out, quiet, gapless);
     if (*mix) return cmd_mix(in, out, quiet);
     if (*resample) return cmd_resample(in, out, quiet);
     if (*encode) return cmd_encode(in, out, gain, quiet);

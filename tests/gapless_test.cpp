@@ -1,7 +1,7 @@
 // Gapless decoding: the engine's decoded PCM with the encoder's header honoured, against mpg123
 // (which honours lame's header by default) on lame's own files and on the variants made by
-// fixtures/make_gapless_fixtures.sh; against the engine's own decode without the cut, exactly;
-// and the ADPCM length that follows from the cut length.
+// fixtures/make_gapless_fixtures.sh; against the engine's own decode without the cut and the
+// file cut by kavo decode --gapless, exactly; and the ADPCM length that follows from the cut.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -81,6 +81,12 @@ TEST_P(Gapless, DecodesWhatTheReferenceDecodes) {
     // The same values as the decode without the cut, from the first one kept.
     ASSERT_LE(c.front * ch + static_cast<long>(gapless.pcm.size()), static_cast<long>(plain.pcm.size()));
     EXPECT_TRUE(std::equal(gapless.pcm.begin(), gapless.pcm.end(), plain.pcm.begin() + c.front * ch));
+
+    // kavo decode --gapless cuts the decoded file to the same values.
+    kavotest::TempDir dir;
+    const auto decode = kavotest::run_kavo({"decode", "-q", "--gapless", path, dir.file("out.pcm")});
+    ASSERT_EQ(decode.exit_code, 0) << decode.err;
+    EXPECT_EQ(kavotest::s16(kavotest::read_file(dir.file("out.pcm"))), gapless.pcm);
 
     // N frames kept, M = N x 8000 / rate rounded, 80 bytes for every 160 of M.
     const double m = std::trunc(static_cast<double>(gapless.pcm.size() / ch) * 8000.0 / scan.last_rate + 0.5);

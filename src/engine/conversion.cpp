@@ -35,7 +35,6 @@
 #endif
 
 #include "adpcm/adpcm_core.h"
-#include "engine/gapless.h"
 #include "engine/stream_scan.h"
 #include "frame/codec.h"
 #include "layer3/layer3.h"
@@ -443,15 +442,13 @@ bool Conversion::skip_front() {
     return true;
 }
 
-// The gapless cut on the decoded frames: without the header frame's values, n_frames becomes
-// the count kept and skip_frames_ the count in front. False when a header was not found.
+// The gapless cut on the decoded frames: n_frames becomes the count kept and skip_frames_ the
+// count in front (the header frame is not decoded). False when a header was not found.
 bool Conversion::apply_gapless(const StreamScan& scan, int64_t& n_frames) {
-    if (!options_.gapless || !scan.encoder.found) return false;
-    const int64_t header_values = int64_t{kGranuleSamples} * scan.granules * scan.channels;
-    const int64_t decoded = 2 * (scan.pcm_values - header_values) / (2 * channels_);
-    const GaplessCut cut = gapless_cut(scan.encoder, decoded, scan.layer3_frames - 1);
-    skip_frames_ = cut.skip;
-    n_frames = cut.keep;
+    const GaplessPlan plan = plan_gapless(scan);
+    if (!options_.gapless || !plan.applies) return false;
+    skip_frames_ = plan.skip_frames;
+    n_frames = plan.keep_frames;
     granules_total_ -= scan.granules;
     return true;
 }

@@ -76,6 +76,14 @@ StreamScan scan_stream(ByteSource& source) {
     return scan;
 }
 
+GaplessPlan plan_gapless(const StreamScan& scan) {
+    if (!scan.encoder.found || scan.layer3_frames == 0) return GaplessPlan{};
+    const int64_t header_values = int64_t{576} * scan.granules * scan.channels;
+    const int64_t decoded = (scan.pcm_values - header_values) / scan.last_channels;
+    const GaplessCut cut = gapless_cut(scan.encoder, decoded, scan.layer3_frames - 1);
+    return GaplessPlan{true, header_values, cut.skip, cut.keep};
+}
+
 StreamScan scan_stream(const uint8_t* bytes, size_t size) {
     MemoryInput input{bytes, size, 0};
     ByteSource source = input.source();

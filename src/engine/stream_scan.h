@@ -44,6 +44,17 @@ struct StreamScan {
     int64_t layer12_offset;    // byte offset of its header in the input (-1 when none)
 };
 
+// The gapless cut that the encoder's header of the first frame asks for, in the decoded values
+// (frames of last_channels, as the decoded file is read): the header frame's values are not
+// decoded, then skip_frames are dropped and keep_frames kept. applies is false without a header.
+struct GaplessPlan {
+    bool applies;
+    int64_t header_values;
+    int64_t skip_frames;
+    int64_t keep_frames;
+};
+GaplessPlan plan_gapless(const StreamScan& scan);
+
 // Scans the input from source to its end (or to the first Layer I or II frame). Never fails:
 // an input without frames gives frame_count 0; a read error looks like the end of the input,
 // so the source must tell its caller about it.
