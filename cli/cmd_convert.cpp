@@ -20,6 +20,7 @@
 #include "console.h"
 #include "engine/conversion.h"
 #include "engine/memory_source.h"
+#include "engine/output_target.h"
 #include "engine/stream_scan.h"
 #include "files.h"
 #include "interrupt.h"
@@ -40,7 +41,7 @@ struct Job {
     std::string output;
 };
 
-enum class Result { not_started, converted, failed, interrupted };
+enum class Result { not_started, converted, skipped, failed, interrupted };
 
 struct Outcome {
     Result result = Result::not_started;
@@ -250,7 +251,7 @@ std::string no_frames_text(const std::string& name, const Input& input,
 struct JobContext {
     Console& console;
     size_t index;
-    OutputFile* file;  // null: standard output
+    kavolib::OutputTarget& output;
     std::string write_error;
     unsigned long long bytes = 0;
 };
@@ -258,12 +259,7 @@ struct JobContext {
 int write_output(void* user, const void* bytes, size_t size) {
     auto& c = *static_cast<JobContext*>(user);
     if (interrupted()) return 1;
-    if (c.file != nullptr) {
-        if (!c.file->write(bytes, size, c.write_error)) return 1;
-    } else if (std::fwrite(bytes, 1, size, stdout) != size) {
-        c.write_error = std::strerror(errno);
-        return 1;
-    }
+    if (!c.output.write(bytes, size, c.write_error)) return 1;
     c.bytes += size;
     return 0;
 }
@@ -276,12 +272,11 @@ void show_progress(void* user, int percent) {
 Outcome convert_job(const Job& job, const ConvertOptions& options, Console& console, size_t index) {
     const bool to_stdout = job.output == "-";
     const std::string out = quoted(job.output);
-    const std::string not_replaced = out + " exists; not replaced (--no-clobber)";
     if (!to_stdout) {
-        if (job.input != "-" && same_file(job.input, job.output)) {
+        if (job.input != "-" && kavolib::same_file(job.input, job.output)) {
             return failure("the output " + out + " would replace the input");
         }
-        if (options.no_clobber && file_exists(job.output)) return failure(not_replaced);
+        if (options.no_clobber && kavolib::output_exists(job.output)) return {Result::skipped, {}};
     }
     Input input;
     std::string why;
@@ -301,10 +296,9 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
                      (is_wav ? describe_wav(wav) : describe_mp3(input.scan(), input.size())));
     }
 
-    OutputFile file;
-    if (!to_stdout && !file.create(job.output, why))
-        return failure("cannot write " + out + ": " + why);
-    JobContext context{console, index, to_stdout ? nullptr : &file, {}};
+    kavolib::OutputTarget output;
+    if (!output.open(job.output, true, why)) return failure("cannot write " + out + ": " + why);
+    JobContext context{console, index, output, {}};
     char message[256] = "";
     std::string wav_message;
     int status = KAVO_OK;
@@ -330,14 +324,11 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
         }
         return failure(message[0] != '\0' ? message : kavo_status_text(status));
     }
-    if (to_stdout) {
-        if (std::fflush(stdout) != 0)
-            return failure("cannot write " + out + ": " + std::strerror(errno));
-    } else {
-        bool exists = false;
-        if (!file.commit(!options.no_clobber, exists, why)) {
-            return failure(exists ? not_replaced : "cannot write " + out + ": " + why);
-        }
+    bool exists = false;
+    if (!output.commit(!options.no_clobber, exists, why)) {
+        // With -n, an output that appeared while this one was made is kept, and this one goes.
+        if (exists) return {Result::skipped, {}};
+        return failure("cannot write " + out + ": " + why);
     }
     // 4000 bytes of codes per second of 8000 Hz audio.
     console.info("wrote " + out + ": " + std::to_string(context.bytes) + " bytes, " +
@@ -359,6 +350,19 @@ bool plan(const ConvertOptions& options, std::vector<Job>& jobs, std::string& er
         std::error_code ignored;
         if (files[1] != "-" && fs::is_directory(files[1], ignored)) {
             error = "'" + files[1] + "' is a directory (to convert into it: -o " + files[1] + ")";
+            return false;
+        }
+        // Two audio files (a glob that matched two) are two inputs, not an input and an output.
+        std::string audio = files[1] == "-" ? "" : audio_content(files[1]);
+        if (!audio.empty()) audio = "is " + audio;
+        if (audio.empty() && files[1] != "-" && audio_name(files[1]))
+            audio = "has the name of an audio file";
+        if (!audio.empty()) {
+            const std::string stem = fs::path(files[0]).stem().string();
+            error = "'" + files[1] + "' " + audio +
+                    ", not an ADPCM output; nothing was converted (to convert both: -o DIR; to "
+                    "convert one: kavo convert " + files[0] + " " +
+                    (stem.empty() || files[0] == "-" ? "OUT" : stem) + ".adpcm)";
             return false;
         }
         jobs.push_back({files[0], files[1]});
@@ -394,6 +398,18 @@ bool plan(const ConvertOptions& options, std::vector<Job>& jobs, std::string& er
     return true;
 }
 
+// Makes the output directory when missing and checks that files can be made in it, so that
+// a directory that cannot be used is told once, before any conversion starts.
+bool usable_directory(const std::string& dir) {
+    std::error_code made;
+    fs::create_directories(dir, made);
+    std::string why = made ? made.message() : "";
+    if (why.empty() && !fs::is_directory(dir, made)) why = "a file of that name exists";
+    if (why.empty() && writable_directory(dir, why)) return true;
+    std::fprintf(stderr, "kavo: cannot write in the directory '%s': %s\n", dir.c_str(), why.c_str());
+    return false;
+}
+
 }  // namespace
 
 int cmd_convert(const ConvertOptions& options) {
@@ -409,16 +425,7 @@ int cmd_convert(const ConvertOptions& options) {
         std::fprintf(stderr, "kavo: %s\n", error.c_str());
         return kExitUsage;
     }
-    if (!options.out_dir.empty()) {
-        std::error_code made;
-        fs::create_directories(options.out_dir, made);
-        if (made || !fs::is_directory(options.out_dir, made)) {
-            std::fprintf(stderr, "kavo: cannot make the directory '%s': %s\n",
-                         options.out_dir.c_str(),
-                         made ? made.message().c_str() : "a file of that name exists");
-            return kExitFailed;
-        }
-    }
+    if (!options.out_dir.empty() && !usable_directory(options.out_dir)) return kExitFailed;
     if (jobs[0].output == "-") make_stdout_binary();
     install_interrupt_handlers();
 
@@ -453,21 +460,33 @@ int cmd_convert(const ConvertOptions& options) {
         end_interrupted();
     }
     size_t converted = 0;
-    for (const Outcome& outcome : outcomes) converted += outcome.result == Result::converted;
-    if (jobs.size() > 1) {
-        if (converted == jobs.size()) {
-            console.info("converted " + std::to_string(converted) + " files");
-        } else {
-            console.error("converted " + std::to_string(converted) + " of " +
-                          std::to_string(jobs.size()) + " files; " +
-                          std::to_string(jobs.size() - converted) + " failed:");
-            for (size_t i = 0; i < jobs.size(); ++i) {
-                if (outcomes[i].result == Result::failed)
-                    console.error("  " + jobs[i].input + ": " + outcomes[i].why);
-            }
-        }
+    size_t skipped = 0;
+    size_t failed = 0;
+    for (const Outcome& outcome : outcomes) {
+        converted += outcome.result == Result::converted;
+        skipped += outcome.result == Result::skipped;
+        failed += outcome.result == Result::failed;
     }
-    return converted == jobs.size() ? kExitOk : kExitFailed;
+    for (size_t i = 0; options.verbose && i < jobs.size(); ++i) {
+        if (outcomes[i].result == Result::skipped)
+            console.info("skipped '" + jobs[i].output + "': already there");
+    }
+    // One line of counts after a batch or a skip; each failure was told as it came, so the
+    // closing line only names the failed inputs again.
+    if (jobs.size() > 1 || skipped > 0) {
+        std::string summary = "converted " + std::to_string(converted);
+        if (options.no_clobber) summary += ", skipped " + std::to_string(skipped) + " (already there)";
+        summary += ", " + std::to_string(failed) + " failed";
+        const char* separator = ": ";
+        for (size_t i = 0; i < jobs.size(); ++i) {
+            if (outcomes[i].result != Result::failed) continue;
+            summary += separator + (jobs[i].input == "-" ? shown(jobs[i].input, false)
+                                                          : "'" + jobs[i].input + "'");
+            separator = ", ";
+        }
+        console.info(summary);
+    }
+    return failed == 0 ? kExitOk : kExitFailed;
 }
 
 }  // namespace kavocli

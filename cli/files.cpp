@@ -1,21 +1,20 @@
-// Input reading and safe output placement, for POSIX systems and Windows.
+// Input reading and the recognition of audio files, for POSIX systems and Windows.
 #include "files.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
 
+#include "engine/stream_scan.h"
 #include "interrupt.h"
 
 #ifdef _WIN32
 #include <io.h>
-#include <process.h>
-#include <windows.h>
 #else
 #include <unistd.h>
 #endif
@@ -27,24 +26,12 @@ namespace fs = std::filesystem;
 namespace {
 
 #ifdef _WIN32
-int open_exclusive(const std::string& path) {
-    return _open(path.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE);
-}
 long long read_some(int fd, void* buffer, size_t size) {
     return _read(fd, buffer, static_cast<unsigned>(size));
 }
-int process_id() {
-    return _getpid();
-}
 #else
-int open_exclusive(const std::string& path) {
-    return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-}
 long long read_some(int fd, void* buffer, size_t size) {
     return read(fd, buffer, size);
-}
-int process_id() {
-    return static_cast<int>(getpid());
 }
 #endif
 
@@ -53,7 +40,9 @@ std::string errno_text(int number) {
     return std::strerror(number);
 }
 
-std::atomic<unsigned> g_partial_counter{0};
+// Frames in a row that make a file an MPEG audio stream: a few chance headers in other data
+// (ADPCM codes among them) never line up this often.
+constexpr int32_t kFramesOfAStream = 8;
 
 }  // namespace
 
@@ -147,121 +136,50 @@ bool readable_size(const std::string& path, uintmax_t& size, std::string& why) {
     return true;
 }
 
-bool same_file(const std::string& a, const std::string& b) {
+std::string audio_content(const std::string& path) {
     std::error_code error;
-    return fs::equivalent(a, b, error) && !error;
+    if (!fs::is_regular_file(path, error)) return {};
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (file == nullptr) return {};
+    // The start of the file is enough: a tag or header is at the front, and an MPEG stream
+    // shows a run of frames long before this.
+    std::vector<uint8_t> head(1 << 16);
+    head.resize(std::fread(head.data(), 1, head.size(), file));
+    std::fclose(file);
+    if (head.size() >= 12 && std::memcmp(head.data(), "RIFF", 4) == 0 &&
+        std::memcmp(head.data() + 8, "WAVE", 4) == 0) {
+        return "a WAV file";
+    }
+    if (head.size() >= 3 && std::memcmp(head.data(), "ID3", 3) == 0) return "an MP3 file";
+    const kavolib::StreamScan scan = kavolib::scan_stream(head.data(), head.size());
+    return scan.frame_count >= kFramesOfAStream ? "an MP3 file" : "";
 }
 
-bool file_exists(const std::string& path) {
-    std::error_code error;
-    return fs::exists(fs::symlink_status(path, error));
+bool audio_name(const std::string& path) {
+    std::string extension = fs::path(path).extension().string();
+    for (char& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (const char* audio : {".mp3", ".mp2", ".wav", ".wave", ".mpga"}) {
+        if (extension == audio) return true;
+    }
+    return false;
+}
+
+bool writable_directory(const std::string& dir, std::string& why) {
+#ifdef _WIN32
+    (void)dir;
+    (void)why;
+    return true;
+#else
+    if (access(dir.c_str(), W_OK | X_OK) == 0) return true;
+    why = errno_text(errno);
+    return false;
+#endif
 }
 
 void make_stdout_binary() {
 #ifdef _WIN32
     _setmode(_fileno(stdout), _O_BINARY);
 #endif
-}
-
-bool OutputFile::create(const std::string& final_path, std::string& why) {
-    discard();
-    final_ = final_path;
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        const std::string name = final_path + "." + std::to_string(process_id()) + "." +
-                                 std::to_string(g_partial_counter.fetch_add(1)) + ".part";
-        const int fd = open_exclusive(name);
-        if (fd < 0 && errno == EEXIST) continue;
-        if (fd < 0) {
-            why = errno_text(errno);
-            return false;
-        }
-#ifdef _WIN32
-        file_ = _fdopen(fd, "wb");
-#else
-        file_ = fdopen(fd, "wb");
-#endif
-        partial_ = name;
-        if (file_ == nullptr) {
-            why = errno_text(errno);
-#ifdef _WIN32
-            _close(fd);
-#else
-            close(fd);
-#endif
-            discard();
-            return false;
-        }
-        std::setvbuf(file_, nullptr, _IOFBF, 1 << 16);
-        return true;
-    }
-    why = "cannot find a free name for the partial file";
-    return false;
-}
-
-bool OutputFile::reserve(const std::string& final_path, std::string& why) {
-    if (!create(final_path, why)) return false;
-    std::fclose(file_);
-    file_ = nullptr;
-    return true;
-}
-
-bool OutputFile::write(const void* bytes, size_t size, std::string& why) {
-    if (std::fwrite(bytes, 1, size, file_) == size) return true;
-    why = errno_text(errno);
-    return false;
-}
-
-bool OutputFile::commit(bool replace, bool& exists, std::string& why) {
-    exists = false;
-    const bool closed = file_ == nullptr || std::fclose(file_) == 0;
-    file_ = nullptr;
-    if (!closed) {
-        why = errno_text(errno);
-        discard();
-        return false;
-    }
-#ifdef _WIN32
-    if (MoveFileExA(partial_.c_str(), final_.c_str(), replace ? MOVEFILE_REPLACE_EXISTING : 0)) {
-        partial_.clear();
-        return true;
-    }
-    const DWORD error = GetLastError();
-    exists = error == ERROR_ALREADY_EXISTS || error == ERROR_FILE_EXISTS;
-    why = exists ? errno_text(EEXIST)
-          : error == ERROR_ACCESS_DENIED
-              ? errno_text(EACCES)
-              : "cannot be moved into place (error " + std::to_string(error) + ")";
-#else
-    if (!replace) {
-        // A new link fails on an existing name, so nothing can slip in between check and move.
-        if (link(partial_.c_str(), final_.c_str()) == 0) {
-            unlink(partial_.c_str());
-            partial_.clear();
-            return true;
-        }
-        if (errno == EEXIST || file_exists(final_)) {
-            exists = true;
-            why = errno_text(EEXIST);
-            discard();
-            return false;
-        }
-        // A file system without links: the check above, then the move.
-    }
-    if (std::rename(partial_.c_str(), final_.c_str()) == 0) {
-        partial_.clear();
-        return true;
-    }
-    why = errno_text(errno);
-#endif
-    discard();
-    return false;
-}
-
-void OutputFile::discard() {
-    if (file_ != nullptr) std::fclose(file_);
-    file_ = nullptr;
-    if (!partial_.empty()) std::remove(partial_.c_str());
-    partial_.clear();
 }
 
 }  // namespace kavocli

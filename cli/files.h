@@ -1,6 +1,6 @@
-// What the command reads and writes: whole inputs read into memory (standard input for "-"),
-// and outputs written beside their final name and moved into place only when complete, so
-// that an existing file is replaced by a whole result or not at all.
+// What the command reads: whole inputs read into memory (standard input for "-"), and what a
+// file holds, to tell an audio file from an output. Outputs are written through
+// engine/output_target.h.
 #pragma once
 
 #include <cstddef>
@@ -26,42 +26,18 @@ bool still_whole(int fd, const std::string& path, uintmax_t size, std::string& w
 // True when path names a file that can be opened for reading; its size goes to size.
 bool readable_size(const std::string& path, uintmax_t& size, std::string& why);
 
-// True when both paths name one existing file (also through links or different spellings).
-bool same_file(const std::string& a, const std::string& b);
+// What the file at path holds when it is recognisably audio by its content ("an MP3 file",
+// "a WAV file"), else "". Only a regular file is looked at: a FIFO or device is never read.
+std::string audio_content(const std::string& path);
 
-bool file_exists(const std::string& path);
+// True when the name ends in an extension of audio files (.mp3 .mp2 .wav .wave .mpga), in any
+// letter case.
+bool audio_name(const std::string& path);
+
+// True when files can be made in the directory; otherwise why ("Permission denied").
+bool writable_directory(const std::string& dir, std::string& why);
 
 // Standard output switched to binary (on systems that distinguish) for ADPCM bytes.
 void make_stdout_binary();
-
-// A file written under a fresh name beside its final path ("<final>.<pid>.<n>.part"),
-// moved onto the final path by commit. Destroying it before commit removes the partial file.
-class OutputFile {
-  public:
-    OutputFile() = default;
-    ~OutputFile() { discard(); }
-    OutputFile(const OutputFile&) = delete;
-    OutputFile& operator=(const OutputFile&) = delete;
-
-    // Creates the partial file; false with why when it cannot.
-    bool create(const std::string& final_path, std::string& why);
-    // Creates the partial file empty and closes it, for a writer that takes a path; commit
-    // then moves it into place as it is.
-    bool reserve(const std::string& final_path, std::string& why);
-    // False with why when the bytes cannot be written.
-    bool write(const void* bytes, size_t size, std::string& why);
-    // Closes the partial file and moves it onto the final path. With replace false an existing
-    // final file is kept, and exists is set (in that case and no other).
-    bool commit(bool replace, bool& exists, std::string& why);
-    // Closes and removes the partial file (nothing when there is none).
-    void discard();
-
-    const std::string& partial_path() const { return partial_; }
-
-  private:
-    std::FILE* file_ = nullptr;
-    std::string final_;
-    std::string partial_;
-};
 
 }  // namespace kavocli

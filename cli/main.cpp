@@ -1,12 +1,56 @@
 // The kavo command: MP3 or WAV prompts to ADPCM, one file, a folder's worth or a pipe, and
 // each stage of the conversion on its own.
 #include <CLI/CLI.hpp>
+#include <cctype>
+#include <charconv>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 
 #include "commands.h"
 #include "manual_help.h"
+
+namespace {
+
+// A value given on the command line, read whole, or a usage error that quotes it as given
+// ("-j abc: not a number").
+bool read_jobs(const std::string& text, unsigned& jobs, std::string& error) {
+    const char* end = text.data() + text.size();
+    const auto [stop, fault] = std::from_chars(text.data(), end, jobs);
+    if (fault != std::errc() || stop != end || text.empty()) {
+        error = "-j " + text + ": not a number";
+    } else if (jobs < 1 || jobs > 1024) {
+        error = "-j " + text + ": from 1 to 1024 conversions at once";
+    }
+    return error.empty();
+}
+
+bool read_gain(const std::string& text, float& gain, std::string& error) {
+    char* stop = nullptr;
+    const double value = std::strtod(text.c_str(), &stop);
+    if (text.empty() || std::isspace(static_cast<unsigned char>(text[0])) || *stop != '\0') {
+        error = "--gain " + text + ": not a number";
+    } else if (!std::isfinite(static_cast<float>(value))) {
+        error = "--gain " + text + ": not a finite number";
+    }
+    gain = static_cast<float>(value);
+    return error.empty();
+}
+
+// The parser's own complaints in the command's voice: "kavo: " and one line.
+std::string failure_line(const CLI::App* app, const CLI::Error& e) {
+    std::string what = e.what();
+    // "The following ..." reads as the rest of the line; "FILES is required" stays as it is.
+    if (what.size() > 1 && std::islower(static_cast<unsigned char>(what[1])))
+        what[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(what[0])));
+    std::string help = "kavo";
+    for (const CLI::App* sub : app->get_subcommands()) help += " " + sub->get_name();
+    return "kavo: " + what + " (" + help + " --help lists what is accepted)\n";
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     using namespace kavocli;
@@ -14,6 +58,7 @@ int main(int argc, char** argv) {
         "kavo: MP3 (MPEG-1/2/2.5 Layer III) or 16-bit WAV to 8000 Hz 32 kbit/s 4-bit ADPCM",
         "kavo"};
     app.set_version_flag("--version", "kavo 1.2");
+    app.failure_message(failure_line);
     app.require_subcommand(1);
     app.fallthrough(false);
     // --help-all is also the source of the manual page (help2man, see cli/CMakeLists.txt).
@@ -32,6 +77,8 @@ int main(int argc, char** argv) {
     std::string in;
     std::string out;
     [[maybe_unused]] float gain = 1.0f;
+    std::string jobs_text;
+    std::string gain_text;
     bool quiet = false;
     [[maybe_unused]] bool gapless = false;
 
@@ -46,27 +93,32 @@ int main(int argc, char** argv) {
                      "write each input to DIR/<its name>.adpcm (DIR is made if missing)")
         ->type_name("DIR");
     convert
-        ->add_option("-j,--jobs", convert_options.jobs,
-                     "conversions at once (default: one per core)")
-        ->check(CLI::Range(1, 1024))
+        ->add_option("-j,--jobs", jobs_text, "conversions at once, 1 to 1024 (default: one per core)")
         ->type_name("N");
-    convert->add_option("--gain", convert_options.gain,
-                        "gain applied to the 8000 Hz samples (default 1.0)");
+    convert
+        ->add_option("--gain", gain_text, "gain applied to the 8000 Hz samples (default 1.0)")
+        ->type_name("FLOAT");
     auto* convert_quiet =
         convert->add_flag("-q,--quiet", convert_options.quiet, "print errors only");
     convert->add_flag("-v,--verbose", convert_options.verbose, "also describe each input stream")
         ->excludes(convert_quiet);
     convert->add_flag("-n,--no-clobber", convert_options.no_clobber,
-                      "never replace an existing output");
+                      "leave an output that is already there (counted as skipped, not failed)");
     convert->footer(
         "Examples:\n"
         "  kavo convert prompt.mp3 prompt.adpcm\n"
         "  kavo convert -j 4 prompts/*.mp3 prompts/*.wav -o adpcm\n"
         "  producer | kavo convert -q - - | consumer\n\n"
         "Each file gets one line on standard error ('wrote ...', or 'kavo: FILE: cause'); a\n"
-        "batch goes on past a failing input and ends with a summary. A progress bar is drawn\n"
-        "only on a terminal. Exit status: 0 all converted, 1 a file failed, 2 a usage error\n"
-        "(nothing written), 130 or 143 interrupted (partial outputs removed).");
+        "batch goes on past a failing input and ends with one line of counts naming the failed\n"
+        "inputs. A progress bar is drawn only on a terminal. With -n a rerun converts only the\n"
+        "new inputs: 'converted 3, skipped 27 (already there), 0 failed', exit status 0.\n\n"
+        "Outputs: a file is written beside OUT and renamed onto it when complete; a link is\n"
+        "followed (its target replaced, the link kept); a device, FIFO or socket is written in\n"
+        "place. IN OUT is refused when OUT is MP3 or WAV audio or named .mp3 .mp2 .wav .wave\n"
+        ".mpga (two inputs, most likely: use -o DIR).\n\n"
+        "Exit status: 0 all converted or skipped, 1 a file failed, 2 a usage error (nothing\n"
+        "written), 130 or 143 interrupted (partial outputs removed).");
 
     auto add_stage = [&](const char* name, const char* what, const char* in_text,
                          const char* out_text) {
@@ -88,7 +140,8 @@ int main(int argc, char** argv) {
                                "16-bit WAV input", "8000 Hz WAV output");
     auto* encode = add_stage("encode", "8000 Hz 16-bit WAV or raw PCM to packed 4-bit ADPCM",
                              "8000 Hz 16-bit input (WAV or raw)", "ADPCM output file");
-    encode->add_option("--gain", gain, "gain applied to every sample (default 1.0)");
+    encode->add_option("--gain", gain_text, "gain applied to every sample (default 1.0)")
+        ->type_name("FLOAT");
 #endif
     auto* expand = add_stage("expand", "packed 4-bit ADPCM back to an 8000 Hz WAV for listening",
                              "ADPCM input file", "8000 Hz 16-bit WAV output");
@@ -100,6 +153,14 @@ int main(int argc, char** argv) {
         return code == 0 ? kExitOk : kExitUsage;
     }
 
+    std::string error;
+    if (!jobs_text.empty()) read_jobs(jobs_text, convert_options.jobs, error);
+    if (error.empty() && !gain_text.empty())
+        read_gain(gain_text, *convert ? convert_options.gain : gain, error);
+    if (!error.empty()) {
+        std::fprintf(stderr, "kavo: %s\n", error.c_str());
+        return kExitUsage;
+    }
     if (*convert) return cmd_convert(convert_options);
     if (*expand) return cmd_expand(in, out, quiet);
 #ifdef KAVO_STAGE_COMMANDS

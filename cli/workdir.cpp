@@ -11,6 +11,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "engine/output_target.h"
+
 namespace kavocli {
 
 namespace fs = std::filesystem;
@@ -58,18 +60,6 @@ std::string absolute_path(const std::string& path) {
     const fs::path here = fs::current_path(error);
     if (error) return path;
     return (here / path).string();
-}
-
-std::string move_file(const std::string& from, const std::string& to) {
-    std::error_code error;
-    fs::rename(from, to, error);
-    if (!error) return {};
-    if (error != std::errc::cross_device_link) return error.message();
-    error.clear();
-    fs::copy_file(from, to, fs::copy_options::overwrite_existing, error);
-    if (error) return error.message();
-    fs::remove(from, error);
-    return {};
 }
 
 bool readable(const std::string& path, std::string& why) {
@@ -120,9 +110,12 @@ int run_privately(const std::string& produced, const std::string& out, bool quie
             return kPrivateRunFailed;
         }
     }
-    const std::string moved = move_file(work.file(produced), out);
-    if (!moved.empty()) {
-        std::fprintf(stderr, "kavo: cannot write '%s': %s\n", out.c_str(), moved.c_str());
+    kavolib::OutputTarget output;
+    std::string why;
+    bool exists = false;
+    if (!output.open(out, false, why) || !output.write_file(work.file(produced), why) ||
+        !output.commit(true, exists, why)) {
+        std::fprintf(stderr, "kavo: cannot write '%s': %s\n", out.c_str(), why.c_str());
         return kPrivateRunFailed;
     }
     return 0;

@@ -38,10 +38,6 @@ int run_in_child(const std::string& dir, const std::function<int()>& body);
 // or empty).
 std::string absolute_path(const std::string& path);
 
-// Moves a file, copying when source and destination lie on different file systems.
-// Returns an empty string on success, else a description of the failure.
-std::string move_file(const std::string& from, const std::string& to);
-
 // True when the file can be opened for reading; otherwise fills why.
 bool readable(const std::string& path, std::string& why);
 
@@ -51,9 +47,10 @@ inline constexpr int kPrivateRunFailed = -1;
 // The way every subcommand runs a library stage: stage runs in a child process inside a fresh
 // private directory, where it writes the file named produced; when the child exits with 0 and
 // check (if given) finds nothing wrong with the produced file (it returns an empty text), the
-// file is moved to out. Returns 0 when out holds the result, the child's exit code when the
-// stage failed (nothing is printed: the caller knows what that code means), or
-// kPrivateRunFailed after printing "kavo: ..." for a failure of its own.
+// file is copied to out by what out is (engine/output_target.h). Returns 0 when out holds the
+// result, the child's exit code when the stage failed (nothing is printed: the caller knows
+// what that code means), or kPrivateRunFailed after printing "kavo: ..." for a failure of its
+// own.
 // With quiet set, what the stage prints is kept back and shown only when it fails.
 int run_privately(const std::string& produced, const std::string& out, bool quiet,
                   const std::function<int()>& stage,

@@ -1,8 +1,15 @@
 // The kavo command's contract, through the built program in temporary directories: usage
-// errors, what one conversion says and leaves behind, batches with failing inputs, pipes,
-// interrupts and WAV prompts; every output compared with kavo()'s or the stage commands'.
+// errors, what one conversion says and leaves behind, batches with failing inputs and reruns,
+// pipes, interrupts, WAV prompts, and outputs of every kind (with kavo_convert_file beside
+// the command); every output compared with kavo()'s or the stage commands'.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/sysmacros.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -15,6 +22,7 @@
 #include <vector>
 
 #include "audio.h"
+#include "kavo/kavo.h"
 #include "process.h"
 
 namespace {
@@ -53,14 +61,18 @@ TEST(Cli, UsageErrorsExitWithTwoAndTouchNothing) {
     write_file(dir.file("sub/a.mp3"), fixture("tone_m1_44k_mono.mp3"));
     // The arguments and a part of standard error ("" where CLI11 words it).
     const std::pair<Names, const char*> cases[] = {
-        {{}, ""},
-        {{"frobnicate"}, ""},
+        {{}, "kavo: "},
+        {{"frobnicate"}, "kavo: "},
         {{"convert", "a.mp3"}, "kavo: an output is needed"},
         {{"convert", "a.mp3", "sub/a.mp3", "b.adpcm"}, "kavo: several inputs need an output directory"},
-        {{"convert", "a.mp3", "out.adpcm", "--gain", "loud"}, ""},
-        {{"convert", "a.mp3", "out.adpcm", "--gain", "nan"}, "kavo: the gain must be a finite number"},
-        {{"convert", "a.mp3", "-o", "out", "-j", "0"}, ""},
-        {{"convert", "-q", "-v", "a.mp3", "out.adpcm"}, ""},
+        {{"convert", "a.mp3", "out.adpcm", "--gain", "loud"}, "kavo: --gain loud: not a number\n"},
+        {{"convert", "a.mp3", "out.adpcm", "--gain", "nan"}, "kavo: --gain nan: not a finite number\n"},
+        {{"convert", "a.mp3", "-o", "out", "-j", "abc"}, "kavo: -j abc: not a number\n"},
+        {{"convert", "a.mp3", "-o", "out", "-j", "0"}, "kavo: -j 0: from 1 to 1024"},
+        {{"convert", "-q", "-v", "a.mp3", "out.adpcm"}, "kavo: --quiet excludes --verbose"},
+        {{"convert", "a.mp3", "sub/a.mp3"}, "kavo: 'sub/a.mp3' is an MP3 file, not an ADPCM output"},
+        {{"convert", "a.mp3", "b.Wave"}, "kavo: 'b.Wave' has the name of an audio file"},
+        {{"expand", "a.mp3", "x.wav"}, "kavo: a.mp3: an MP3 file, not ADPCM codes"},
         {{"convert", "-", "-o", "out"}, "kavo: standard input has no name"},
         {{"convert", "a.mp3", "sub/a.mp3", "-o", "out"},
          "kavo: 'a.mp3' and 'sub/a.mp3' would both be written to 'out/a.adpcm'; nothing was converted"},
@@ -69,7 +81,8 @@ TEST(Cli, UsageErrorsExitWithTwoAndTouchNothing) {
     for (const auto& [args, says] : cases) {
         const auto run = run_kavo(args, dir.path());
         EXPECT_EQ(run.exit_code, 2) << says;
-        EXPECT_TRUE(has(run.err, says)) << run.err;
+        EXPECT_TRUE(run.err.starts_with(says)) << run.err;
+        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
         EXPECT_EQ(dir.entries(), (Names{"a.mp3", "sub"}));
     }
 }
@@ -90,7 +103,6 @@ TEST(CliConvert, OneFileTalksLikeACommandLineTool) {
         {{"-v", "in.mp3", "out.adpcm"},
          "in.mp3: MPEG-2 Layer III, 22050 Hz, mono, 32 kbit/s, 147 frames, 3.84 s\n" + wrote},
         {{"in.mp3", "old.adpcm"}, "wrote 'old.adpcm': 15360 bytes, 3.84 s\n"},
-        {{"-n", "in.mp3", "old.adpcm"}, "kavo: in.mp3: 'old.adpcm' exists; not replaced (--no-clobber)\n"},
         {{"-q", "in.mp2", "old.adpcm"},
          "kavo: in.mp2: a Layer II frame at byte 0: only MPEG audio Layer III is converted\n"},
         {{"nothing.mp3", "old.adpcm"}, "kavo: nothing.mp3: No such file or directory\n"},
@@ -99,7 +111,6 @@ TEST(CliConvert, OneFileTalksLikeACommandLineTool) {
         {{"deep.wav", "old.adpcm"},
          "kavo: deep.wav: a WAV file of 24-bit samples; only 16-bit PCM WAV (mono or stereo, 8 to "
          "48 kHz) is converted\n"},
-        {{"in.mp3", "in.mp3"}, "kavo: in.mp3: the output 'in.mp3' would replace the input\n"},
     };
     for (const auto& [tail, err] : cases) {
         TempDir dir;
@@ -156,7 +167,8 @@ TEST(CliConvert, BatchEqualsTheLibraryFileByFileAndNamesItsFailures) {
         const std::string stem = std::filesystem::path(name).stem().string();
         if (bytes.empty()) {
             ++failed;
-            EXPECT_TRUE(has(run.err, "kavo:   " + name + ": ")) << name << " is not in the summary";
+            EXPECT_TRUE(has(run.err, "'" + name + "'")) << name << " is not in the summary";
+            EXPECT_TRUE(has(run.err, "kavo: " + name + ": ")) << name << " failed without a word";
             EXPECT_FALSE(std::filesystem::exists(dir.file("out/" + stem + ".adpcm"))) << name;
         } else {
             outputs.push_back(stem + ".adpcm");
@@ -166,9 +178,8 @@ TEST(CliConvert, BatchEqualsTheLibraryFileByFileAndNamesItsFailures) {
     }
     ASSERT_GE(failed, 3u);  // empty.mp3 and the Layer I and II files at least
     EXPECT_EQ(run.exit_code, 1);
-    EXPECT_TRUE(has(run.err, "kavo: converted " + std::to_string(expected.size() - failed) +
-                                 " of " + std::to_string(expected.size()) + " files; " +
-                                 std::to_string(failed) + " failed:\n"))
+    EXPECT_TRUE(has(run.err, "\nconverted " + std::to_string(expected.size() - failed) + ", " +
+                                 std::to_string(failed) + " failed: '"))
         << run.err;
     std::sort(outputs.begin(), outputs.end());
     EXPECT_EQ(TempDir::entries_of(dir.file("out")), outputs);
@@ -266,6 +277,173 @@ TEST(CliConvert, WavPromptsEqualTheStagesInARow) {
     const std::string wav = read_file(dir.file("plain.wav"));
     EXPECT_EQ(wav.size(), 44 + bytes);
     EXPECT_EQ(wav.substr(0, 44), kavotest::wav_header(bytes, 1, 8000));
+}
+
+// A rerun with -n leaves what is there (even when it differs), converts what is new, tells
+// each failure once as it happens and names the failed inputs once in the closing line.
+TEST(CliConvert, ARerunWithNoClobberSkipsWhatIsThere) {
+    TempDir dir;
+    for (const char* name : {"a.mp3", "b.mp3", "c.mp3"}) write_file(dir.file(name), fixture("tone_m1_44k_mono.mp3"));
+    write_file(dir.file("bad.mp3"), fixture("empty.mp3"));
+    ASSERT_EQ(run_kavo({"convert", "-q", "-o", "out", "a.mp3", "b.mp3"}, dir.path()).exit_code, 0);
+    write_file(dir.file("out/a.adpcm"), "mine");
+    const std::string bad = "kavo: bad.mp3: no MPEG audio Layer III frames found\n";
+    const std::pair<Names, std::string> runs[] = {
+        {{"-n", "-j", "1", "a.mp3", "b.mp3", "c.mp3", "bad.mp3"},
+         "wrote 'out/c.adpcm': 6240 bytes, 1.56 s\n" + bad +
+             "converted 1, skipped 2 (already there), 1 failed: 'bad.mp3'\n"},
+        {{"-n", "-q", "a.mp3", "b.mp3", "bad.mp3"}, bad},
+        {{"-n", "-v", "a.mp3", "b.mp3"},
+         "skipped 'out/a.adpcm': already there\nskipped 'out/b.adpcm': already there\n"
+         "converted 0, skipped 2 (already there), 0 failed\n"},
+        {{"-n", "a.mp3", "b.mp3", "c.mp3"}, "converted 0, skipped 3 (already there), 0 failed\n"},
+    };
+    for (const auto& [tail, err] : runs) {
+        Names args = {"convert", "-o", "out"};
+        args.insert(args.end(), tail.begin(), tail.end());
+        const auto run = run_kavo(args, dir.path());
+        EXPECT_EQ(run.exit_code, has(err, "bad.mp3") ? 1 : 0) << err;
+        EXPECT_EQ(run.err, err);
+    }
+    EXPECT_EQ(read_file(dir.file("out/a.adpcm")), "mine");
+    EXPECT_EQ(TempDir::entries_of(dir.file("out")), (Names{"a.adpcm", "b.adpcm", "c.adpcm"}));
+}
+
+// What an output name is decides how it is written, the same through the command and through
+// kavo_convert_file: a file or a new name by a rename into place, a link through to its target
+// (the link stays), a FIFO, a socket or a device in place; a directory, the input itself and
+// a full device are refused, and the command also refuses a second MP3 as an output. Devices
+// are made with mknod where the test may, else /dev/null and /dev/full stand in; their type
+// and device number must be as before.
+enum class Made { nothing, file, link, dangling_link, fifo, socket, null_device, full_device, directory, link_to_input, mp3 };
+
+struct OutputCase {
+    const char* name;
+    Made made;
+    int exit_code;  // the command's
+    const char* command_says;
+    int status;  // kavo_convert_file's
+    const char* library_says;
+};
+
+const OutputCase kOutputCases[] = {
+    {"new name", Made::nothing, 0, "wrote ", KAVO_OK, ""},
+    {"file", Made::file, 0, "wrote ", KAVO_OK, ""},
+    {"link", Made::link, 0, "wrote ", KAVO_OK, ""},
+    {"dangling link", Made::dangling_link, 0, "wrote ", KAVO_OK, ""},
+    {"FIFO", Made::fifo, 0, "wrote ", KAVO_OK, ""},
+    {"socket", Made::socket, 0, "wrote ", KAVO_OK, ""},
+    {"device", Made::null_device, 0, "wrote ", KAVO_OK, ""},
+    {"full device", Made::full_device, 1, "No space left on device", KAVO_ERROR_WRITE, "No space left on device"},
+    {"directory", Made::directory, 2, "is a directory", KAVO_ERROR_WRITE, "Is a directory"},
+    {"link to the input", Made::link_to_input, 2, "is an MP3 file", KAVO_ERROR_ARGUMENT, "is the input file"},
+    {"another MP3", Made::mp3, 2, "is an MP3 file", KAVO_OK, ""},
+};
+
+// Everything that arrives on fd until its end.
+std::string drain(int fd) {
+    std::string got;
+    char buffer[4096];
+    for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) got.append(buffer, size_t(n));
+    close(fd);
+    return got;
+}
+
+// A device node like the system's (character major 1) where mknod works, else the system's.
+std::string device(const TempDir& dir, const char* name, unsigned minor) {
+    const std::string made = dir.file(name);
+    if (geteuid() == 0 && mknod(made.c_str(), S_IFCHR | 0666, makedev(1, minor)) == 0) return made;
+    return std::string("/dev/") + name;
+}
+
+TEST(Outputs, EachKindOfNameGetsWhatAUserExpects) {
+    const std::string mp3 = fixture("tone_m1_44k_mono.mp3");
+    const std::string converted = library_output(mp3, "1.0");
+    ASSERT_EQ(converted.size(), 6240u);
+    for (const OutputCase& c : kOutputCases) {
+        for (const bool command : {true, false}) {
+            SCOPED_TRACE(std::string(c.name) + (command ? ", command" : ", library"));
+            TempDir dir;
+            write_file(dir.file("in.mp3"), mp3);
+            std::string out = dir.file("out.adpcm");
+            std::string lands = out;  // where a converted file is to be found
+            int reader = -1;
+            int listener = -1;
+            switch (c.made) {
+                case Made::nothing: break;
+                case Made::file: write_file(out, "old"); break;
+                case Made::mp3: write_file(out, mp3); break;
+                case Made::directory: std::filesystem::create_directory(out); break;
+                case Made::link_to_input: std::filesystem::create_symlink("in.mp3", out); break;
+                case Made::link:
+                case Made::dangling_link:
+                    std::filesystem::create_directory(dir.file("sub"));
+                    lands = dir.file("sub/target.adpcm");
+                    if (c.made == Made::link) write_file(lands, "old");
+                    std::filesystem::create_symlink("sub/target.adpcm", out);
+                    break;
+                // The reader is there before the writer comes, and the pipe or socket holds the
+                // whole output; a FIFO or socket replaced by a file leaves the reader empty.
+                case Made::fifo:
+                    ASSERT_EQ(mkfifo(out.c_str(), 0666), 0);
+                    reader = open(out.c_str(), O_RDONLY | O_NONBLOCK);
+                    break;
+                case Made::socket: {
+                    sockaddr_un address = {};
+                    address.sun_family = AF_UNIX;
+                    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", out.c_str());
+                    listener = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+                    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+                    ASSERT_EQ(listen(listener, 1), 0);
+                    break;
+                }
+                case Made::null_device: out = device(dir, "null", 3); break;
+                case Made::full_device: out = device(dir, "full", 7); break;
+            }
+            struct stat before = {};
+            const bool existed = lstat(out.c_str(), &before) == 0;
+            std::string said;
+            bool ok = false;
+            if (command) {
+                const auto run = run_kavo({"convert", "in.mp3", out}, dir.path());
+                said = run.err;
+                ok = run.exit_code == 0;
+                EXPECT_EQ(run.exit_code, c.exit_code) << said;
+                EXPECT_TRUE(has(said, c.command_says)) << said;
+            } else {
+                char message[256] = "unset";
+                const int status = kavo_convert_file(dir.file("in.mp3").c_str(), out.c_str(), 1.0f,
+                                                     nullptr, nullptr, message, sizeof message);
+                said = message;
+                ok = status == KAVO_OK;
+                EXPECT_EQ(status, c.status) << said;
+                EXPECT_TRUE(c.library_says[0] == '\0' ? said.empty() : has(said, c.library_says)) << said;
+            }
+            if (listener >= 0) {
+                reader = accept(listener, nullptr, nullptr);
+                close(listener);
+            }
+            const std::string received = reader >= 0 ? drain(reader) : "";
+            struct stat after = {};
+            if (existed && lstat(out.c_str(), &after) == 0) {
+                EXPECT_EQ(after.st_mode & S_IFMT, before.st_mode & S_IFMT) << "the node changed its kind";
+                EXPECT_EQ(after.st_rdev, before.st_rdev);
+            } else {
+                EXPECT_FALSE(existed) << "the node is gone";
+            }
+            EXPECT_FALSE(has(said, ".part")) << said;
+            EXPECT_EQ(read_file(dir.file("in.mp3")), mp3);
+            for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path()))
+                EXPECT_FALSE(entry.path().string().ends_with(".part")) << entry.path();
+            if (c.made == Made::fifo || c.made == Made::socket) {
+                EXPECT_EQ(received, converted);
+            } else if (c.made != Made::null_device && c.made != Made::full_device && c.made != Made::directory) {
+                const bool audio = c.made == Made::mp3 || c.made == Made::link_to_input;
+                const std::string old = audio ? mp3 : c.made == Made::file || c.made == Made::link ? "old" : "";
+                EXPECT_TRUE((std::filesystem::exists(lands) ? read_file(lands) : "") == (ok ? converted : old));
+            }
+        }
+    }
 }
 
 }  // namespace

@@ -2,7 +2,8 @@
 # Faults the kavo command meets while it works, one row each: the output directory not
 # writable, the file-size limit reached while writing, the input removed or truncated while it
 # is read (the command is stopped while it converts, the file cut, the command let go on),
-# standard input closed or ending at once, TMPDIR naming no directory. Each must end with one
+# standard input closed or ending at once, TMPDIR naming no directory, a full device as the
+# output, an output directory that cannot be written (told once). Each must end with one
 # line on standard error naming the cause, exit status 1, nothing left beside the output, and
 # the existing output as it was.
 # usage: command_faults.sh KAVO MP3
@@ -26,6 +27,9 @@ cases=(
   "input truncated while read%out.adpcm%for i in \$(seq 100); do cat \"\$mp3\"; done >in.mp3; \$kavo convert in.mp3 out.adpcm & pid=\$!; until ls out.adpcm.*.part >/dev/null 2>&1 || ! kill -0 \$pid 2>/dev/null; do sleep 0.01; done; kill -STOP \$pid; truncate -s 20000 in.mp3; kill -CONT \$pid; wait \$pid%in.mp3: the file changed size while it was read"
   "standard input closed%out.adpcm%\$kavo convert - out.adpcm <&-%standard input: Bad file descriptor"
   "standard input ends at once%out.adpcm%: | \$kavo convert - out.adpcm%standard input: not an MP3"
+  "unwritable -o directory, told once%out.adpcm%chmod 555 .; $as_user \$kavo convert -o . in.mp3 \"\$mp3\"%cannot write in the directory '.': Permission denied"
+  "full device, convert%out.adpcm%\$kavo convert in.mp3 /dev/full%cannot write '/dev/full': No space left on device"
+  "full device, expand%out.adpcm%\$kavo expand codes /dev/full%No space left on device"
   "TMPDIR missing%out.wav%TMPDIR=\$PWD/none \$kavo decode in.mp3 out.wav%in '.*/none' \\(TMPDIR\\): No such file or directory"
 )
 

@@ -196,7 +196,7 @@ const ErrorCase kErrorCases[] = {
      [](const TempDir& d, Message& m) {
          return file_call(input(d, "tone_m1_44k_mono.mp3"), d.file("no/out.adpcm"), 1.0f, m);
      }},
-    {"OutputIsAFolder", KAVO_ERROR_WRITE, "rename",
+    {"OutputIsAFolder", KAVO_ERROR_WRITE, "out.adpcm: Is a directory",
      [](const TempDir& d, Message& m) {
          fs::create_directory(d.file("out.adpcm"));
          write_file(d.file("out.adpcm/kept"), "kept");
@@ -237,7 +237,7 @@ TEST_P(Errors, StatusAndMessageFromARealCauseAndNothingLeftBehind) {
     EXPECT_EQ(message.find('\n'), std::string::npos);
     EXPECT_STRNE(kavo_status_text(status), kavo_status_text(KAVO_OK));
     // No partial output anywhere in the folder.
-    for (const std::string& name : dir.entries()) EXPECT_EQ(name.find(".partial"), std::string::npos) << name;
+    for (const std::string& name : dir.entries()) EXPECT_FALSE(name.ends_with(".part")) << name;
     if (fs::is_directory(dir.file("out.adpcm"))) {
         EXPECT_EQ(read_file(dir.file("out.adpcm/kept")), "kept");
     }

@@ -77,8 +77,9 @@ KAVO_API ConversionResult kavo(const char* input_path, const char* output_path, 
  * truncated to fit, no line end) saying what happened; "" on success.
  */
 #define KAVO_OK 0
-/* A NULL or empty path, a NULL input buffer with a non-zero size, a NULL write function,
- * or a gain that is not finite. Any finite gain is accepted, -1.0 included. */
+/* A NULL or empty path, an output path that is the input file, a NULL input buffer with a
+ * non-zero size, a NULL write function, or a gain that is not finite. Any finite gain is
+ * accepted, -1.0 included. */
 #define KAVO_ERROR_ARGUMENT (-1)
 /* The input cannot be opened or read. */
 #define KAVO_ERROR_READ (-2)
@@ -100,9 +101,14 @@ typedef void (*kavo_progress_fn)(void* user, int percent);
 typedef int (*kavo_write_fn)(void* user, const void* bytes, size_t size);
 
 /* Converts the MP3 file input_path into the ADPCM file output_path with the given gain.
- * The output is written under a temporary name beside output_path and renamed into place
- * only when complete: on any failure an existing output_path is left as it was and no file
- * remains. progress may be NULL; user is handed back to it. */
+ * The output is written by what output_path is. A regular file, or a name not taken yet, is
+ * written under a temporary name beside it and renamed into place only when complete: on any
+ * failure an existing file is left as it was and no file remains. A symbolic link is followed
+ * (its target is replaced, or created when missing; the link stays). A character device, a
+ * FIFO or a socket is written in place as it goes. A directory or a block device is refused
+ * (KAVO_ERROR_WRITE), and so is an output_path that reaches the input file itself, by any
+ * path or link (KAVO_ERROR_ARGUMENT). Messages name the paths as given. progress may be NULL;
+ * user is handed back to it. */
 KAVO_API int kavo_convert_file(const char* input_path, const char* output_path, float gain,
                                kavo_progress_fn progress, void* user, char* message,
                                size_t message_size);

@@ -1,16 +1,14 @@
-// The exported conversion API: argument checks, the input in memory or in a file, and for a
-// file output the write beside the final name with the rename into place only when complete.
-#include <atomic>
+// The exported conversion API: argument checks, the input in memory or in a file, and a file
+// output written by what its name is (engine/output_target.h).
 #include <cerrno>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <filesystem>
 #include <string>
 #include <system_error>
 
 #include "engine/conversion.h"
 #include "engine/memory_source.h"
+#include "engine/output_target.h"
 #include "kavo/kavo.h"
 
 namespace kavolib {
@@ -50,54 +48,22 @@ bool file_rewind(void* context) {
 
 bool file_failed(void* context) { return std::ferror(static_cast<FileInput*>(context)->file) != 0; }
 
-struct FileOutput {
-    FILE* file;
-    bool failed;
-    int error;
-};
-
-int file_write(void* user, const void* bytes, size_t size) {
-    auto* output = static_cast<FileOutput*>(user);
-    errno = 0;
-    if (std::fwrite(bytes, 1, size, output->file) != size) {
-        output->failed = true;
-        output->error = errno;
-        return 1;
-    }
-    return 0;
-}
-
-// The caller's progress function and user value, passed through the file output's user value.
+// The caller's progress function and user value, and the output the engine writes to.
 struct FileJob {
-    FileOutput output;
+    OutputTarget output;
+    std::string write_error;  // why the first failed write failed
     kavo_progress_fn progress;
     void* user;
 };
 
+int file_write(void* user, const void* bytes, size_t size) {
+    auto* job = static_cast<FileJob*>(user);
+    return job->output.write(bytes, size, job->write_error) ? 0 : 1;
+}
+
 void file_progress(void* user, int percent) {
     const auto* job = static_cast<const FileJob*>(user);
     if (job->progress != nullptr) job->progress(job->user, percent);
-}
-
-// A name beside the output that no other call uses: the output's own name, this process's
-// clock and a counter shared by every call.
-std::string partial_name(const char* output) {
-    static std::atomic<unsigned long long> counter{0};
-    const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
-    return std::string(output) + ".partial-" +
-           std::to_string(static_cast<unsigned long long>(now) & 0xFFFFFFFFull) + "-" +
-           std::to_string(counter.fetch_add(1));
-}
-
-// Creates the partial file, never opening one that exists already.
-FILE* create_new(const std::string& name) {
-#if defined(_WIN32)
-    std::error_code error;
-    if (std::filesystem::exists(std::filesystem::path(name), error)) return nullptr;
-    return std::fopen(name.c_str(), "wb");
-#else
-    return std::fopen(name.c_str(), "wbx");
-#endif
 }
 
 }  // namespace
@@ -120,7 +86,6 @@ extern "C" KAVO_API int kavo_convert_file(const char* input_path, const char* ou
                                           float gain, kavo_progress_fn progress, void* user,
                                           char* message, size_t message_size) {
     using namespace kavolib;
-    namespace fs = std::filesystem;
     if (input_path == nullptr || input_path[0] == '\0') {
         return refuse(message, message_size, "the input path is empty");
     }
@@ -137,44 +102,35 @@ extern "C" KAVO_API int kavo_convert_file(const char* input_path, const char* ou
                         std::string("cannot open ") + input_path + ": " + error_text(errno));
             return KAVO_ERROR_READ;
         }
-        const std::string partial = partial_name(output_path);
-        errno = 0;
-        FILE* out = create_new(partial);
-        if (out == nullptr) {
-            const int error = errno;
+        // Whatever name it is reached by, the input is never written over.
+        if (same_file(input_path, output_path)) {
             std::fclose(in.file);
             set_message(message, message_size,
-                        std::string("cannot create ") + partial + ": " + error_text(error));
+                        std::string("the output ") + output_path + " is the input file");
+            return KAVO_ERROR_ARGUMENT;
+        }
+        FileJob job{{}, {}, progress, user};
+        std::string why;
+        if (!job.output.open(output_path, false, why)) {
+            std::fclose(in.file);
+            set_message(message, message_size,
+                        std::string("cannot create ") + output_path + ": " + why);
             return KAVO_ERROR_WRITE;
         }
-        FileJob job{FileOutput{out, false, 0}, progress, user};
         EngineInput input{ByteSource{file_read, &in}, file_rewind, file_failed};
         int status = run_engine(input, gain, file_write, file_progress, &job, message, message_size);
         std::fclose(in.file);
-        if (status == KAVO_ERROR_STOPPED && job.output.failed) {
+        if (status == KAVO_ERROR_STOPPED && !job.write_error.empty()) {
             status = KAVO_ERROR_WRITE;
             set_message(message, message_size,
-                        std::string("cannot write ") + partial + ": " +
-                            error_text(job.output.error));
+                        std::string("cannot write ") + output_path + ": " + job.write_error);
         }
-        errno = 0;
-        const bool closed = std::fflush(out) == 0 && std::fclose(out) == 0;
-        if (status == KAVO_OK && !closed) {
+        bool exists = false;
+        if (status == KAVO_OK && !job.output.commit(true, exists, why)) {
             status = KAVO_ERROR_WRITE;
             set_message(message, message_size,
-                        std::string("cannot write ") + partial + ": " + error_text(errno));
+                        std::string("cannot write ") + output_path + ": " + why);
         }
-        std::error_code error;
-        if (status == KAVO_OK) {
-            fs::rename(fs::path(partial), fs::path(output_path), error);
-            if (error) {
-                status = KAVO_ERROR_WRITE;
-                set_message(message, message_size,
-                            std::string("cannot rename the output to ") + output_path + ": " +
-                                error.message());
-            }
-        }
-        if (status != KAVO_OK) fs::remove(fs::path(partial), error);
         return status;
     } catch (const std::bad_alloc&) {
         set_message(message, message_size, "out of memory");
