@@ -238,6 +238,56 @@ std::string describe_wav(const WavFormat& w) {
            ", " + std::to_string(w.frames()) + " frames, " + format("%.2f s", w.seconds());
 }
 
+// "1,204": the digits in groups of three.
+std::string grouped(long long n) {
+    const std::string digits = std::to_string(n < 0 ? -n : n);
+    std::string text = n < 0 ? "-" : "";
+    for (size_t i = 0; i < digits.size(); ++i) {
+        if (i > 0 && (digits.size() - i) % 3 == 0) text += ',';
+        text += digits[i];
+    }
+    return text;
+}
+
+// A gain as short as it can be written and still read back as the same float, with a decimal
+// point: "4.0", "0.5", "1.4142135".
+std::string gain_text(float gain) {
+    char text[32];
+    for (int digits = 1; digits <= 9; ++digits) {
+        std::snprintf(text, sizeof text, "%.*g", digits, static_cast<double>(gain));
+        if (std::strtof(text, nullptr) == gain) break;
+    }
+    std::string shown = text;
+    if (shown.find_first_of(".e") == std::string::npos) shown += ".0";
+    return shown;
+}
+
+// The largest safe gain to three significant digits, rounded down so that the gain shown
+// wraps nothing either: 1.4629 is "1.46".
+std::string safe_gain_text(double gain) {
+    if (!(gain > 0) || gain > 1e30) return "unlimited";
+    const int exponent = static_cast<int>(std::floor(std::log10(gain)));
+    const double scale = std::pow(10.0, 2 - exponent);
+    char text[64];
+    std::snprintf(text, sizeof text, "%.*f", std::max(0, 2 - exponent), std::floor(gain * scale) / scale);
+    return text;
+}
+
+// What -v adds after the conversion: what was read, and the level before the gain.
+std::vector<std::string> report_lines(const std::string& name, const kavo_report& r) {
+    std::string read = name + ": read " + grouped(r.input_frames) + " sample frames at " +
+                       std::to_string(r.sample_rate) + " Hz " + channel_words(r.channels) +
+                       format(" (%.2f s)", r.input_seconds);
+    if (r.input_kind == KAVO_INPUT_MP3) read += " from " + grouped(r.mp3_frames) + " MP3 frames";
+    read += ", " + grouped(r.skipped_bytes) + " bytes of tags skipped";
+    if (r.format_changed != 0) read += "; the stream changed rate or channels on the way";
+    std::string level = name + ": 8000 Hz samples from " + std::to_string(r.lowest) + " to " +
+                        std::to_string(r.highest) + " before the gain; the largest gain that "
+                        "wraps none is " + safe_gain_text(r.max_gain) +
+                        format("; %.2f s written", r.output_seconds);
+    return {read, level};
+}
+
 // An input the engine found no Layer III frame in: an MP3 without audio, or no MP3 at all.
 std::string no_frames_text(const std::string& name, const Input& input,
                            const kavolib::StreamScan& scan) {
@@ -302,15 +352,14 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
     char message[256] = "";
     std::string wav_message;
     int status = KAVO_OK;
+    kavo_report report = KAVO_REPORT_INIT;
     if (is_wav) {
         status = convert_wav(wav, options.gain, write_output, show_progress, &context, wav_message);
-    } else if (input.in_memory()) {
-        status = kavo_convert_memory(bytes.data(), bytes.size(), options.gain, write_output,
-                                     show_progress, &context, message, sizeof message);
     } else {
         kavolib::EngineInput engine_input = input.engine_input();
-        status = kavolib::run_engine(engine_input, options.gain, write_output, show_progress,
-                                     &context, message, sizeof message);
+        status = kavolib::run_engine(engine_input, kavolib::settings_with_gain(options.gain),
+                                     write_output, show_progress, &context, &report, message,
+                                     sizeof message);
     }
     if (status == KAVO_ERROR_STOPPED && interrupted()) return {Result::interrupted, {}};
     if (!input.unchanged(why)) return failure(why);
@@ -329,6 +378,21 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
         // With -n, an output that appeared while this one was made is kept, and this one goes.
         if (exists) return {Result::skipped, {}};
         return failure("cannot write " + out + ": " + why);
+    }
+    const std::string name = shown(job.input, false);
+    if (options.verbose && !is_wav) {
+        for (const std::string& line : report_lines(name, report)) console.info(line);
+    }
+    if (report.wrapped > 0) {
+        const std::string safe =
+            options.gain < 0 ? std::string("-").append(
+                                   safe_gain_text(-kavolib::largest_negative_gain(report)))
+                             : safe_gain_text(report.max_gain);
+        console.warning(name + ": " + grouped(report.wrapped) +
+                        (report.wrapped == 1 ? " sample" : " samples") + " wrapped at gain " +
+                        gain_text(options.gain) + " (the " +
+                        (options.gain < 0 ? "negative gain of largest magnitude" : "largest gain") +
+                        " that wraps none is " + safe + ")");
     }
     // 4000 bytes of codes per second of 8000 Hz audio.
     console.info("wrote " + out + ": " + std::to_string(context.bytes) + " bytes, " +
@@ -430,6 +494,7 @@ int cmd_convert(const ConvertOptions& options) {
     install_interrupt_handlers();
 
     Console console(options.quiet, jobs.size());
+    if (options.gain == 0.0f) console.warning("gain 0: the output is silence");
     std::vector<Outcome> outcomes(jobs.size());
     std::atomic<size_t> next{0};
     auto work = [&]() {

@@ -36,6 +36,11 @@ void Console::error(const std::string& line) {
     print("kavo: " + line);
 }
 
+void Console::warning(const std::string& line) {
+    if (quiet_) return;
+    error(line);
+}
+
 void Console::print(const std::string& text) {
     clear_bar();
     std::fprintf(stderr, "%s\n", text.c_str());

@@ -21,6 +21,7 @@ class Console {
 
     void info(const std::string& line);   // left out when quiet
     void error(const std::string& line);  // "kavo: " and the line
+    void warning(const std::string& line);  // the same, left out when quiet
 
     // Job index has reached percent (0..100); a job that ends is reported as done.
     void progress(size_t job, int percent);

@@ -96,11 +96,13 @@ int main(int argc, char** argv) {
         ->add_option("-j,--jobs", jobs_text, "conversions at once, 1 to 1024 (default: one per core)")
         ->type_name("N");
     convert
-        ->add_option("--gain", gain_text, "gain applied to the 8000 Hz samples (default 1.0)")
+        ->add_option("--gain", gain_text,
+                     "gain applied to the 8000 Hz samples (default 1.0; wraps in 16 bits)")
         ->type_name("FLOAT");
     auto* convert_quiet =
         convert->add_flag("-q,--quiet", convert_options.quiet, "print errors only");
-    convert->add_flag("-v,--verbose", convert_options.verbose, "also describe each input stream")
+    convert->add_flag("-v,--verbose", convert_options.verbose,
+                      "also describe each input and the level it converts to")
         ->excludes(convert_quiet);
     convert->add_flag("-n,--no-clobber", convert_options.no_clobber,
                       "leave an output that is already there (counted as skipped, not failed)");
@@ -109,7 +111,8 @@ int main(int argc, char** argv) {
         "  kavo convert prompt.mp3 prompt.adpcm\n"
         "  kavo convert -j 4 prompts/*.mp3 prompts/*.wav -o adpcm\n"
         "  producer | kavo convert -q - - | consumer\n\n"
-        "Each file gets one line on standard error ('wrote ...', or 'kavo: FILE: cause'); a\n"
+        "Each file gets one line on standard error ('wrote ...', or 'kavo: FILE: cause'), and one\n"
+        "more when the gain wrapped samples (the largest gain that wraps none is named); a\n"
         "batch goes on past a failing input and ends with one line of counts naming the failed\n"
         "inputs. A progress bar is drawn only on a terminal. With -n a rerun converts only the\n"
         "new inputs: 'converted 3, skipped 27 (already there), 0 failed', exit status 0.\n\n"

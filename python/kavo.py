@@ -3,6 +3,10 @@
     import kavo
     kavo.convert_file("prompt.mp3", "prompt.adpcm")             # gain 1.0
     adpcm = kavo.convert_bytes(open("prompt.mp3", "rb").read(), gain=0.5)
+    result = kavo.convert("prompt.mp3", gain=4.0)   # or bytes; nothing written to disk
+    if result.wrapped:
+        print(result.wrapped, "samples wrapped; the largest safe gain is", result.max_gain)
+    open("prompt.adpcm", "wb").write(result.adpcm)
     try:
         kavo.convert_file("upload.mp3", "upload.adpcm", progress=print)
     except kavo.Error as e:
@@ -21,7 +25,7 @@ import ctypes.util
 import os
 import sys
 
-__all__ = ["Error", "convert_file", "convert_bytes", "OK", "ERROR_ARGUMENT", "ERROR_READ",
+__all__ = ["Error", "Result", "convert", "convert_file", "convert_bytes", "OK", "ERROR_ARGUMENT", "ERROR_READ",
            "ERROR_WRITE", "ERROR_FORMAT", "ERROR_MEMORY", "ERROR_STOPPED"]
 
 OK = 0
@@ -73,6 +77,32 @@ _lib.kavo_convert_memory.argtypes = [ctypes.c_char_p, ctypes.c_size_t, ctypes.c_
                                      _PROGRESS, ctypes.c_void_p, ctypes.c_char_p,
                                      ctypes.c_size_t]
 _lib.kavo_convert_memory.restype = ctypes.c_int
+class _Settings(ctypes.Structure):
+    _fields_ = [("size", ctypes.c_uint32), ("gain", ctypes.c_float)]
+
+
+class _Report(ctypes.Structure):
+    _fields_ = [("size", ctypes.c_uint32), ("input_kind", ctypes.c_int32),
+                ("encoding", ctypes.c_int32), ("sample_rate", ctypes.c_int32),
+                ("channels", ctypes.c_int32), ("format_changed", ctypes.c_int32),
+                ("input_frames", ctypes.c_int64), ("input_seconds", ctypes.c_double),
+                ("mp3_frames", ctypes.c_int64), ("skipped_bytes", ctypes.c_int64),
+                ("output_bytes", ctypes.c_int64), ("output_seconds", ctypes.c_double),
+                ("gain", ctypes.c_double), ("highest", ctypes.c_int32),
+                ("lowest", ctypes.c_int32), ("max_gain", ctypes.c_double),
+                ("max_gain_high", ctypes.c_double), ("max_gain_low", ctypes.c_double),
+                ("wrapped", ctypes.c_int64)]
+
+
+class _Io(ctypes.Structure):
+    _fields_ = [("input_path", ctypes.c_char_p), ("input_data", ctypes.c_char_p),
+                ("input_size", ctypes.c_size_t), ("output_path", ctypes.c_char_p),
+                ("write", _WRITE), ("progress", _PROGRESS), ("user", ctypes.c_void_p)]
+
+
+_lib.kavo_convert.argtypes = [ctypes.POINTER(_Io), ctypes.POINTER(_Settings),
+                              ctypes.POINTER(_Report), ctypes.c_char_p, ctypes.c_size_t]
+_lib.kavo_convert.restype = ctypes.c_int
 _lib.kavo_status_text.argtypes = [ctypes.c_int]
 _lib.kavo_status_text.restype = ctypes.c_char_p
 
@@ -145,3 +175,55 @@ def convert_bytes(mp3, gain=1.0, progress=None):
                                       call.message, _MESSAGE_SIZE)
     call.finish(status)
     return b"".join(call.chunks)
+
+
+_KINDS = {1: "MP3", 2: "WAV"}
+
+
+class Result:
+    """What kavo.convert returns: the ADPCM bytes (adpcm) and what the conversion found.
+
+    input_kind "MP3" or "WAV"; sample_rate and channels of the input (for MP3 those of the
+    last frame, which decide the conversion); input_seconds and output_seconds; mp3_frames;
+    skipped_bytes (tags and wrappers around the audio); gain, the gain applied; highest and
+    lowest, the extreme 8000 Hz samples before the gain, and peak, the larger magnitude of the
+    two; max_gain, the largest gain that wraps no sample (max_gain_high and max_gain_low, the
+    limits each extreme sets); wrapped, the samples the gain wrapped in 16 bits;
+    format_changed, whether an MP3 stream changed rate or channels on the way."""
+
+    def __init__(self, adpcm, report):
+        self.adpcm = adpcm
+        for name, _ in _Report._fields_:
+            if name != "size":
+                setattr(self, name, getattr(report, name))
+        self.input_kind = _KINDS.get(report.input_kind, "")
+        self.format_changed = bool(report.format_changed)
+        self.peak = max(abs(report.highest), abs(report.lowest))
+
+    def __repr__(self):
+        return ("kavo.Result(%d bytes of ADPCM, %s %d Hz %d ch, %.2f s, gain %g, peak %d, "
+                "max_gain %.4g, wrapped %d)" % (len(self.adpcm), self.input_kind,
+                                                self.sample_rate, self.channels,
+                                                self.input_seconds, self.gain, self.peak,
+                                                self.max_gain, self.wrapped))
+
+
+def convert(data_or_path, gain=1.0, progress=None):
+    """Converts MP3 data (bytes-like) or the file at a path (str or os.PathLike) and returns a
+    kavo.Result with the ADPCM bytes and the conversion's report.
+
+    progress is called as for convert_file; an exception it raises stops the conversion and
+    is raised again. Raises kavo.Error when the conversion fails."""
+    call = _Call(progress)
+    if isinstance(data_or_path, (str, os.PathLike)):
+        data = None
+        io = _Io(_path(data_or_path), None, 0, None, call.write, call.progress, None)
+    else:
+        data = bytes(data_or_path)
+        io = _Io(None, data, len(data), None, call.write, call.progress, None)
+    settings = _Settings(ctypes.sizeof(_Settings), gain)
+    report = _Report(size=ctypes.sizeof(_Report))
+    status = _lib.kavo_convert(ctypes.byref(io), ctypes.byref(settings), ctypes.byref(report),
+                               call.message, _MESSAGE_SIZE)
+    call.finish(status)
+    return Result(b"".join(call.chunks), report)

@@ -12,6 +12,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <utility>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -101,7 +104,10 @@ TEST(CliConvert, OneFileTalksLikeACommandLineTool) {
         {{"in.mp3", "out.adpcm"}, wrote},
         {{"-q", "in.mp3", "out.adpcm"}, ""},
         {{"-v", "in.mp3", "out.adpcm"},
-         "in.mp3: MPEG-2 Layer III, 22050 Hz, mono, 32 kbit/s, 147 frames, 3.84 s\n" + wrote},
+         "in.mp3: MPEG-2 Layer III, 22050 Hz, mono, 32 kbit/s, 147 frames, 3.84 s\n"
+         "in.mp3: read 84,672 sample frames at 22050 Hz mono (3.84 s) from 147 MP3 frames, 0 "
+         "bytes of tags skipped\nin.mp3: 8000 Hz samples from -27545 to 27266 before the gain; "
+         "the largest gain that wraps none is 1.18; 3.84 s written\n" + wrote},
         {{"in.mp3", "old.adpcm"}, "wrote 'old.adpcm': 15360 bytes, 3.84 s\n"},
         {{"-q", "in.mp2", "old.adpcm"},
          "kavo: in.mp2: a Layer II frame at byte 0: only MPEG audio Layer III is converted\n"},
@@ -143,7 +149,61 @@ TEST(CliConvert, OneFileTalksLikeACommandLineTool) {
     write_file(dir.file("mixed.mp3"), fixture("corner_44k_then_48k.mp3"));
     EXPECT_EQ(run_kavo({"convert", "-v", "mixed.mp3", "out.adpcm"}, dir.path()).err,
               "mixed.mp3: MPEG-1 Layer III, 44100 Hz, mono, 64 kbit/s, 24 frames, 0.58 s; decoded "
-              "as 48000 Hz mono\nwrote 'out.adpcm': 2240 bytes, 0.56 s\n");
+              "as 48000 Hz mono\nmixed.mp3: read 27,648 sample frames at 48000 Hz mono (0.58 s) "
+              "from 24 MP3 frames, 0 bytes of tags skipped; the stream changed rate or channels on "
+              "the way\nmixed.mp3: 8000 Hz samples from -21549 to 22177 before the gain; the "
+              "largest gain that wraps none is 1.47; 0.56 s written\nwrote 'out.adpcm': 2240 "
+              "bytes, 0.56 s\n");
+}
+
+// The wrap line comes when, and only when, the gain wraps a sample: at the largest gain that
+// wraps none there is none, one float above it there is, with the count the library reports;
+// -q silences it, the output is written either way, and a gain of 0 is named.
+TEST(CliConvert, SaysWhenAndOnlyWhenTheGainWraps) {
+    const std::string speech = fixture("speech_mono_22k.mp3");
+    auto library = [&](float gain) {
+        kavo_settings settings = KAVO_SETTINGS_INIT;
+        settings.gain = gain;
+        kavo_report report = KAVO_REPORT_INIT;
+        const TempDir dir;
+        const std::string out = dir.file("o");
+        const kavo_io io{nullptr, speech.data(), speech.size(), out.c_str(), nullptr, nullptr, nullptr};
+        EXPECT_EQ(kavo_convert(&io, &settings, &report, nullptr, 0), KAVO_OK);
+        return std::make_pair(report, read_file(out));
+    };
+    const auto safe = static_cast<float>(library(1.0f).first.max_gain);
+    const float above = std::nextafter(safe, 2.0f);
+    char text[2][32];
+    std::snprintf(text[0], sizeof text[0], "%.9g", static_cast<double>(safe));
+    std::snprintf(text[1], sizeof text[1], "%.9g", static_cast<double>(above));
+    const std::string wrote = "wrote 'out.adpcm': 15360 bytes, 3.84 s\n";
+    const struct {
+        Names args;
+        float gain;
+        std::string err;
+    } cases[] = {
+        {{text[0]}, safe, wrote},
+        {{text[1]}, above, "kavo: in.mp3: 1 sample wrapped at gain " + std::string(text[1]) +
+                               " (the largest gain that wraps none is 1.18)\n" + wrote},
+        {{"4"}, 4.0f, "kavo: in.mp3: 722 samples wrapped at gain 4.0 (the largest gain that wraps "
+                      "none is 1.18)\n" + wrote},
+        {{"4", "-q"}, 4.0f, ""},
+        {{"-1.25"}, -1.25f, "kavo: in.mp3: 2 samples wrapped at gain -1.25 (the negative gain "
+                            "of largest magnitude that wraps none is -1.18)\n" + wrote},
+        {{"0"}, 0.0f, "kavo: gain 0: the output is silence\n" + wrote},
+    };
+    for (const auto& c : cases) {
+        TempDir dir;
+        write_file(dir.file("in.mp3"), speech);
+        Names args = {"convert", "in.mp3", "out.adpcm", "--gain"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        const auto run = run_kavo(args, dir.path());
+        const auto [report, adpcm] = library(c.gain);
+        EXPECT_EQ(run.exit_code, 0) << c.args[0];
+        EXPECT_EQ(run.err, c.err) << c.args[0];
+        EXPECT_EQ(run.err.find("wrapped") != std::string::npos, report.wrapped > 0 && c.args.size() == 1);
+        EXPECT_EQ(read_file(dir.file("out.adpcm")), adpcm) << c.args[0];
+    }
 }
 
 // Every fixture in one batch on two threads at gain 0.5: each output equals kavo()'s for that

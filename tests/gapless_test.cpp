@@ -21,6 +21,7 @@ namespace {
 struct Decode {
     int status = 0;
     bool applied = false;
+    int64_t frames = 0;  // the report's input frames
     std::vector<int16_t> pcm;  // the decoded values the mix reads
     std::string adpcm;
 };
@@ -31,17 +32,19 @@ Decode convert(const std::string& mp3, bool gapless) {
     kavolib::EngineInput input{memory.source(),
                                [](void* m) { return static_cast<kavolib::MemoryInput*>(m)->position = 0, true; },
                                [](void*) { return false; }};
-    kavolib::EngineOptions options;
-    options.gapless = gapless;
-    options.decoded = [](void* user, const int16_t* values, size_t count) {
+    kavo_settings settings = KAVO_SETTINGS_INIT;
+    settings.gapless = gapless ? 1 : 0;
+    kavo_report report = KAVO_REPORT_INIT;
+    auto decoded = [](void* user, const int16_t* values, size_t count) {
         static_cast<Decode*>(user)->pcm.insert(static_cast<Decode*>(user)->pcm.end(), values, values + count);
     };
     auto write = [](void* user, const void* bytes, size_t size) {
         static_cast<Decode*>(user)->adpcm.append(static_cast<const char*>(bytes), size);
         return 0;
     };
-    run.status = kavolib::run_engine(input, 1.0f, write, nullptr, &run, nullptr, 0, options);
-    run.applied = options.gapless_applied;
+    run.status = kavolib::run_engine(input, settings, write, nullptr, &run, &report, nullptr, 0, decoded);
+    run.applied = report.gapless_applied != 0;
+    run.frames = report.input_frames;
     return run;
 }
 
@@ -91,6 +94,7 @@ TEST_P(Gapless, DecodesWhatTheReferenceDecodes) {
     // N frames kept, M = N x 8000 / rate rounded, 80 bytes for every 160 of M.
     const double m = std::trunc(static_cast<double>(gapless.pcm.size() / ch) * 8000.0 / scan.last_rate + 0.5);
     EXPECT_EQ(gapless.adpcm.size(), 80 * static_cast<size_t>(m / 160));
+    EXPECT_EQ(gapless.frames, static_cast<int64_t>(gapless.pcm.size()) / ch);
     std::printf("%-34s %8zu frames kept of %8zu  max |diff| %d\n", c.file, gapless.pcm.size() / ch,
                 plain.pcm.size() / ch, max_diff);
 }

@@ -64,15 +64,20 @@ def words_of(path):
     if path.endswith(SOURCE_SUFFIXES):
         # A literal is a command line when its first word is followed by an option, a quote,
         # a redirection or the end of the literal after a space ("ffmpeg " + arguments).
-        # So is the first item of a braced argument list: {"lame", "-r", ...}.
+        # So is the first item of a braced list of strings: {"lame", "-r", ...} (a table row
+        # such as {"file", Made::file} is not a command line).
         return set(re.findall(r'"(/usr/bin/[\w+.-]+|[A-Za-z][\w+.-]+)(?: [-\'"<>]| ")', text) +
-                   re.findall(r'\{\s*"([A-Za-z][\w+.-]+)"\s*,', text))
+                   re.findall(r'\{\s*"([A-Za-z][\w+.-]+)"\s*,\s*"', text))
     if path.endswith((".cmake", "CMakeLists.txt")):
         return set(re.findall(r"\b(?:COMMAND|find_program\(\w+)\s+([A-Za-z][\w+.-]+)", text))
     elif os.path.splitext(path)[1] in SCRIPT_SUFFIXES:
         text = "\n".join(re.sub(r"(^|\s)#.*", "", line) for line in text.splitlines())
         if path.endswith(".py"):
-            text += "\n" + "\n".join(re.findall(r"[\[(]\s*[\"']([\w+.-]+)[\"']\s*,", text))
+            # A ctypes field list, [("size", ctypes.c_uint32), ...], names fields, not commands.
+            text = re.sub(r"\(\s*[\"']\w+[\"']\s*,\s*(?:ctypes\.|_[A-Z])", "(", text)
+            # The first item of a list of strings: ["lame", "-r", ...], not ("size", c_uint32).
+            text += "\n" + "\n".join(
+                re.findall(r"[\[(]\s*[\"']([\w+.-]+)[\"']\s*,\s*[\"']", text))
     else:
         return set()
     return set(COMMAND.findall(text))

@@ -120,6 +120,113 @@ KAVO_API int kavo_convert_memory(const void* mp3, size_t mp3_size, float gain,
                                  kavo_write_fn write, kavo_progress_fn progress, void* user,
                                  char* message, size_t message_size);
 
+/*
+ * Settings in, a report out: kavo_convert converts a file or a block of memory, like
+ * kavo_convert_file and kavo_convert_memory (which run the same code), with its settings in
+ * a kavo_settings record and what it found in a kavo_report record.
+ *
+ * Both records begin with their own size in bytes, set by the caller (KAVO_SETTINGS_INIT and
+ * KAVO_REPORT_INIT fill it with the size the program was built with, and the defaults). New
+ * versions of the library only ever append fields, of fixed-width types with explicit padding
+ * (so that 32-bit and 64-bit compilers lay them out alike), so a program built against an
+ * older kavo.h keeps working: the library reads the first min(size, its own size) bytes of the
+ * settings and takes the defaults for the rest, and writes the first min(size, its own size)
+ * bytes of the report, never a byte beyond. A size below the first version's
+ * (KAVO_SETTINGS_SIZE_1, KAVO_REPORT_SIZE_1) is refused with KAVO_ERROR_ARGUMENT.
+ */
+
+/* The settings. NULL settings mean the defaults. */
+typedef struct kavo_settings {
+    uint32_t size; /* sizeof(kavo_settings) as the program knows it */
+    float gain;    /* every 8000 Hz sample is multiplied by it before coding (default 1.0);
+                      the product is truncated toward zero and wraps in 16 bits. Finite. */
+    int32_t gapless; /* 1 honours the encoder's header in the first MP3 frame (Xing/Info
+                        with its extension, or VBRI): that frame is not decoded, and the decoded
+                        PCM loses the encoder's delay and padding and the decoder's 529 samples,
+                        giving back the samples that were encoded. 0 (default): as kavo(). */
+} kavo_settings;
+
+#define KAVO_SETTINGS_SIZE_1 8u
+#define KAVO_SETTINGS_INIT {(uint32_t)sizeof(kavo_settings), 1.0f, 0}
+
+/* report.input_kind */
+#define KAVO_INPUT_MP3 1
+#define KAVO_INPUT_WAV 2
+
+/* report.encoding: for MP3 the MPEG version of the last frame delivered (always Layer III),
+ * for WAV the sample format. */
+#define KAVO_ENCODING_MPEG1_LAYER3 1
+#define KAVO_ENCODING_MPEG2_LAYER3 2
+#define KAVO_ENCODING_MPEG25_LAYER3 3
+#define KAVO_ENCODING_PCM_16 16
+#define KAVO_ENCODING_PCM_U8 17
+#define KAVO_ENCODING_PCM_24 18
+#define KAVO_ENCODING_PCM_32 19
+#define KAVO_ENCODING_FLOAT_32 20
+#define KAVO_ENCODING_MULAW 21
+#define KAVO_ENCODING_ALAW 22
+
+/* What a conversion did. Every call that passes the argument checks writes it; after a
+ * failure it holds what was learned before the failure and zeros elsewhere. "Before the gain" means the 8000 Hz mono samples as the coder receives them;
+ * all the sample figures are over the samples coded (whole 160-sample frames; a partial
+ * frame at the end is not coded). Offsets are the same for every compiler. */
+typedef struct kavo_report {
+    uint32_t size;          /*  0: sizeof(kavo_report) as the program knows it */
+    int32_t input_kind;     /*  4: KAVO_INPUT_MP3 or KAVO_INPUT_WAV */
+    int32_t encoding;       /*  8: KAVO_ENCODING_* */
+    int32_t sample_rate;    /* 12: Hz; for MP3 that of the last frame delivered, which decides
+                                   how the whole decoded stream is read */
+    int32_t channels;       /* 16: 1 or 2; for MP3 those of the last frame delivered */
+    int32_t format_changed; /* 20: 1 when the MP3 stream changed rate or channels on the way */
+    int64_t input_frames;   /* 24: sample frames the conversion takes from the input */
+    double input_seconds;   /* 32: input_frames / sample_rate */
+    int64_t mp3_frames;     /* 40: MP3 frames decoded (0 for WAV) */
+    int64_t skipped_bytes;  /* 48: bytes of tags or wrappers around the audio, skipped */
+    int64_t output_bytes;   /* 56: ADPCM bytes written, 80 per 160 samples */
+    double output_seconds;  /* 64: output_bytes / 4000 */
+    double gain;            /* 72: the gain applied */
+    int32_t highest;        /* 80: the highest 8000 Hz sample before the gain (0 if none) */
+    int32_t lowest;         /* 84: the lowest 8000 Hz sample before the gain (0 if none) */
+    double max_gain;        /* 88: the largest gain g > 0 that wraps no sample: the smaller
+                                   of the two below */
+    double max_gain_high;   /* 96: the largest float g > 0 with trunc(highest x g) <= 32767;
+                                   FLT_MAX when highest <= 0 */
+    double max_gain_low;    /* 104: the largest float g > 0 with trunc(lowest x g) >= -32768;
+                                   FLT_MAX when lowest >= 0 */
+    int64_t wrapped;        /* 112: samples whose product with the gain left the 16-bit range
+                                   (trunc(x x gain) > 32767 or < -32768) and wrapped */
+    int32_t gapless_applied; /* 120: 1 when settings.gapless found an encoder's header and cut
+                                     the decoded PCM (input_frames then counts what was kept) */
+    int32_t padding_1;       /* 124: 0 */
+} kavo_report;
+
+#define KAVO_REPORT_SIZE_1 120u
+/* Every field listed, so that no compiler warns of one missing: append to both together. */
+#define KAVO_REPORT_INIT \
+    {(uint32_t)sizeof(kavo_report), 0, 0, 0, 0, 0, 0, 0.0, 0, 0, 0, 0.0, 0.0, 0, 0, 0.0, 0.0, \
+     0.0, 0, 0, 0}
+
+/* Where a conversion reads and writes. The input: the file input_path, or when input_path is
+ * NULL the input_size bytes at input_data. The output: the file output_path (written beside
+ * it and renamed into place when complete, as kavo_convert_file does), or when output_path is
+ * NULL the write function (blocks of whole 80-byte frames, as kavo_convert_memory does).
+ * progress may be NULL; user is handed back to write and progress. */
+typedef struct kavo_io {
+    const char* input_path;
+    const void* input_data;
+    size_t input_size;
+    const char* output_path;
+    kavo_write_fn write;
+    kavo_progress_fn progress;
+    void* user;
+} kavo_io;
+
+/* Converts as io says with settings (NULL: the defaults) and fills report (may be NULL).
+ * Statuses and message as for kavo_convert_file and kavo_convert_memory; a record size below
+ * the first version's is KAVO_ERROR_ARGUMENT. */
+KAVO_API int kavo_convert(const kavo_io* io, const kavo_settings* settings, kavo_report* report,
+                          char* message, size_t message_size);
+
 /* A short English text for a status ("success", "invalid argument", ...); never NULL. */
 KAVO_API const char* kavo_status_text(int status);
 

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <limits>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -285,6 +286,19 @@ inline int16_t gained(int16_t sample, double gain) {
 }
 
 }  // namespace
+
+float largest_gain_without_wrap(int32_t extreme) {
+    if (extreme == 0) return std::numeric_limits<float>::max();
+    const double bound = extreme > 0 ? 32768.0 : 32769.0;
+    // The float nearest the bound's quotient, then a step or two to the exact edge.
+    auto g = static_cast<float>(bound / std::fabs(static_cast<double>(extreme)));
+    while (gain_wraps(extreme, g)) g = std::nextafter(g, 0.0f);
+    for (float up = std::nextafter(g, std::numeric_limits<float>::max()); !gain_wraps(extreme, up);
+         up = std::nextafter(g, std::numeric_limits<float>::max())) {
+        g = up;
+    }
+    return g;
+}
 
 void apply_gain(int16_t* samples, int16_t count, float gain) {
     const double g = gain;

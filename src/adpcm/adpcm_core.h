@@ -51,6 +51,17 @@ inline constexpr int kAdpcmFrameBytes = kAdpcmFrameSamples / 2;
 // low 16 bits kept (no saturation). Nothing happens unless count is positive.
 void apply_gain(int16_t* samples, int16_t count, float gain);
 
+// Whether apply_gain wraps sample: trunc(sample x gain) is above 32767 or below -32768.
+inline bool gain_wraps(int32_t sample, double gain) {
+    const double x = static_cast<double>(sample) * gain;  // exact, as in apply_gain
+    return !(x > -32769.0 && x < 32768.0);
+}
+
+// The largest float gain g > 0 for which gain_wraps(extreme, g) is false: just below
+// 32768 / extreme for a positive extreme, 32769 / -extreme for a negative one; the largest
+// float for 0. (A gain -g wraps a sample s exactly when g wraps -s.)
+float largest_gain_without_wrap(int32_t extreme);
+
 // One 160-sample frame: the gain applied (the samples are changed in place), every sample
 // coded, four codes to a 16-bit little-endian word, c0 | c1 << 4 | c2 << 8 | c3 << 12 with
 // c0 the earliest sample: 80 bytes.

@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -287,9 +288,10 @@ bool want_decode_thread() {
 
 class Conversion {
 public:
-    Conversion(EngineInput& input, float gain, kavo_write_fn write, kavo_progress_fn progress,
-               void* user, EngineOptions& options)
-        : input_(input), gain_(gain), write_(write), progress_(progress), user_(user), options_(options) {}
+    Conversion(EngineInput& input, const kavo_settings& settings, kavo_write_fn write,
+               kavo_progress_fn progress, void* user, kavo_report& report, DecodedTap decoded)
+        : input_(input), gain_(settings.gain), gapless_(settings.gapless != 0), write_(write),
+          progress_(progress), user_(user), report_(report), decoded_(decoded) {}
 
     int run(char* message, size_t message_size);
 
@@ -302,6 +304,8 @@ private:
     int take_output(const int16_t* samples, size_t n);
     bool flush_output();
     void report(int percent);
+    void note_levels(const int16_t* samples);
+    void finish_report();
 
     static size_t read_mono_io(void* context, int16_t* dst, size_t n) {
         return static_cast<Conversion*>(context)->read_mono(dst, n);
@@ -312,10 +316,12 @@ private:
 
     EngineInput& input_;
     float gain_;
+    bool gapless_;
     kavo_write_fn write_;
     kavo_progress_fn progress_;
     void* user_;
-    EngineOptions& options_;
+    kavo_report& report_;
+    DecodedTap decoded_;
     char* message_ = nullptr;
     size_t message_size_ = 0;
 
@@ -342,6 +348,13 @@ private:
     uint8_t output_[kOutputFrames * kAdpcmFrameBytes] = {};
     size_t output_fill_ = 0;
     bool stopped_ = false;
+
+    // What the coder saw: the extremes before the gain, the samples the gain wrapped, the
+    // frames coded.
+    int16_t highest_ = INT16_MIN;
+    int16_t lowest_ = INT16_MAX;
+    int64_t wrapped_ = 0;
+    int64_t frames_coded_ = 0;
 
     // Declared last, so that it is destroyed first: the decode thread ends before anything
     // it uses goes.
@@ -415,7 +428,7 @@ size_t Conversion::read_mono(int16_t* dst, size_t n) {
              static_cast<int64_t>(n - produced)}));
         const int16_t* in = values_ + value_position_;
         int16_t* out = dst + produced;
-        if (options_.decoded != nullptr) options_.decoded(user_, in, static_cast<size_t>(count * channels_));
+        if (decoded_ != nullptr) decoded_(user_, in, static_cast<size_t>(count * channels_));
         if (channels_ == 2) {
             for (int f = 0; f < count; ++f) out[f] = mix_pair(in[2 * f], in[2 * f + 1]);
         } else {
@@ -446,7 +459,7 @@ bool Conversion::skip_front() {
 // count in front (the header frame is not decoded). False when a header was not found.
 bool Conversion::apply_gapless(const StreamScan& scan, int64_t& n_frames) {
     const GaplessPlan plan = plan_gapless(scan);
-    if (!options_.gapless || !plan.applies) return false;
+    if (!gapless_ || !plan.applies) return false;
     skip_frames_ = plan.skip_frames;
     n_frames = plan.keep_frames;
     granules_total_ -= scan.granules;
@@ -461,6 +474,39 @@ bool Conversion::flush_output() {
     return !stopped_;
 }
 
+// The frame's extremes (a loop the compiler vectorises), and the wrapped samples counted one
+// by one only in a frame where an extreme wraps: the products of a frame lie between those of
+// its extremes, whatever the gain's sign.
+void Conversion::note_levels(const int16_t* samples) {
+    int16_t high = samples[0];
+    int16_t low = samples[0];
+    for (int i = 1; i < kAdpcmFrameSamples; ++i) {
+        high = std::max(high, samples[i]);
+        low = std::min(low, samples[i]);
+    }
+    highest_ = std::max(highest_, high);
+    lowest_ = std::min(lowest_, low);
+    const double gain = gain_;
+    if (gain_wraps(high, gain) || gain_wraps(low, gain)) {
+        for (int i = 0; i < kAdpcmFrameSamples; ++i) wrapped_ += gain_wraps(samples[i], gain);
+    }
+}
+
+// The figures of the coded samples, whatever happened after the last frame.
+void Conversion::finish_report() {
+    kavo_report& r = report_;
+    r.output_bytes = frames_coded_ * kAdpcmFrameBytes;
+    r.output_seconds = static_cast<double>(r.output_bytes) / 4000.0;
+    if (frames_coded_ > 0) {
+        r.highest = highest_;
+        r.lowest = lowest_;
+    }
+    r.max_gain_high = largest_gain_without_wrap(std::max(0, r.highest));
+    r.max_gain_low = largest_gain_without_wrap(std::min(0, r.lowest));
+    r.max_gain = std::min(r.max_gain_high, r.max_gain_low);
+    r.wrapped = wrapped_;
+}
+
 // The resampler's output: whole 160-sample frames are coded; a partial frame at the end is not.
 int Conversion::take_output(const int16_t* samples, size_t n) {
     for (size_t i = 0; i < n;) {
@@ -469,7 +515,9 @@ int Conversion::take_output(const int16_t* samples, size_t n) {
         frame_fill_ += static_cast<int>(count);
         i += count;
         if (frame_fill_ < kAdpcmFrameSamples) break;
+        note_levels(frame_);
         adpcm_encode_frame(adpcm_, frame_, gain_, output_ + output_fill_);
+        ++frames_coded_;
         frame_fill_ = 0;
         output_fill_ += kAdpcmFrameBytes;
         if (output_fill_ == sizeof output_ && !flush_output()) return 1;
@@ -503,19 +551,32 @@ int Conversion::run(char* message, size_t message_size) {
     }
     granules_total_ = scan.pcm_frames / kGranuleSamples;
     // With the gapless cut, N counts the frames kept and M follows it.
-    options_.gapless_applied = apply_gapless(scan, n_frames);
+    const bool gapless = apply_gapless(scan, n_frames);
     m_frames = std::trunc(static_cast<double>(n_frames) * factor + 0.5);
+    mono_total_ = n_frames;
+    static constexpr int32_t kEncodings[4] = {KAVO_ENCODING_MPEG25_LAYER3, 0,
+                                              KAVO_ENCODING_MPEG2_LAYER3,
+                                              KAVO_ENCODING_MPEG1_LAYER3};
+    report_.input_kind = KAVO_INPUT_MP3;
+    report_.encoding = kEncodings[scan.last_version & 3];
+    report_.sample_rate = scan.last_rate;
+    report_.channels = scan.last_channels;
+    report_.format_changed = scan.format_changed ? 1 : 0;
+    report_.input_frames = n_frames;
+    report_.input_seconds = static_cast<double>(n_frames) / scan.last_rate;
+    report_.mp3_frames = scan.layer3_frames - (gapless ? 1 : 0);
+    report_.gapless_applied = gapless ? 1 : 0;
     if (!(m_frames >= 1.0)) {
         // The cut leaves less than one 8000 Hz sample: the output is empty.
         report(0);
         report(100);
+        finish_report();
         if (message_ != nullptr && message_size_ > 0) message_[0] = '\0';
         return KAVO_OK;
     }
-    mono_total_ = n_frames;
 
     if (!input_.rewind(input_.source.context)) return fail(KAVO_ERROR_READ, "the input cannot be read again");
-    decoder_.reset(options_.gapless_applied);
+    decoder_.reset(gapless);
     adpcm_init(adpcm_);
     report(0);
     feed_.start(want_decode_thread());
@@ -529,6 +590,7 @@ int Conversion::run(char* message, size_t message_size) {
     // conversion (as the decode on demand would be), stopped at once after a failure.
     if (written >= 0 && written != kResampleStopped && !stopped_) feed_.drain();
     feed_.stop();
+    finish_report();
     if (written == kResampleStopped || stopped_) return fail(KAVO_ERROR_STOPPED, "the write function asked to stop");
     if (written < 0) return fail(KAVO_ERROR_FORMAT, "resampling failed: %s", io.failure != nullptr ? io.failure : "");
     if (input_.failed(input_.source.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
@@ -541,17 +603,22 @@ int Conversion::run(char* message, size_t message_size) {
 
 }  // namespace
 
-int run_engine(EngineInput& input, float gain, kavo_write_fn write, kavo_progress_fn progress,
-               void* user, char* message, size_t message_size) {
-    EngineOptions options;
-    return run_engine(input, gain, write, progress, user, message, message_size, options);
+double largest_negative_gain(const kavo_report& report) {
+    return -std::min(largest_gain_without_wrap(-std::max(0, report.highest)),
+                     largest_gain_without_wrap(-std::min(0, report.lowest)));
 }
 
-int run_engine(EngineInput& input, float gain, kavo_write_fn write, kavo_progress_fn progress,
-               void* user, char* message, size_t message_size, EngineOptions& options) {
-    options.gapless_applied = false;
+int run_engine(EngineInput& input, const kavo_settings& settings, kavo_write_fn write,
+               kavo_progress_fn progress, void* user, kavo_report* report, char* message,
+               size_t message_size, DecodedTap decoded) {
+    kavo_report unused{};
+    kavo_report& out = report != nullptr ? *report : unused;
+    out = kavo_report{};
+    out.size = sizeof(kavo_report);
+    out.gain = settings.gain;
     try {
-        auto conversion = std::make_unique<Conversion>(input, gain, write, progress, user, options);
+        auto conversion =
+            std::make_unique<Conversion>(input, settings, write, progress, user, out, decoded);
         return conversion->run(message, message_size);
     } catch (const std::bad_alloc&) {
         if (message != nullptr && message_size > 0) {

@@ -21,24 +21,34 @@ struct EngineInput {
     bool (*failed)(void* context);
 };
 
-// What a conversion does beyond kavo()'s bytes, and what it says it did.
-struct EngineOptions {
-    // Honour the encoder's header in the first frame: that frame is not decoded, and the
-    // decoded PCM is cut to the samples the encoder was given (engine/gapless.h).
-    bool gapless = false;
-    // When not null, receives the decoded 16-bit values the mix reads, after the cut: frames
-    // of the last frame's channel count, interleaved.
-    void (*decoded)(void* user, const int16_t* values, size_t count) = nullptr;
-    // Set by the conversion: whether the gapless cut applied (a header was found).
-    bool gapless_applied = false;
-};
+// Runs one conversion with the settings (a whole record of the library's own size): the ADPCM
+// bytes go to write in whole 80-byte frames, progress (may be null) runs from 0 to 100. Returns
+// KAVO_OK or a KAVO_ERROR_* status with a one-line message in message (when message_size is
+// not 0). report, when not null, is a whole record of the library's own size and receives what
+// the conversion found. Everything runs on the caller's thread.
+// decoded, when not null, receives the decoded 16-bit values the mix reads, after the gapless
+// cut: frames of the last frame's channel count, interleaved.
+using DecodedTap = void (*)(void* user, const int16_t* values, size_t count);
+int run_engine(EngineInput& input, const kavo_settings& settings, kavo_write_fn write,
+               kavo_progress_fn progress, void* user, kavo_report* report, char* message,
+               size_t message_size, DecodedTap decoded = nullptr);
 
-// Runs one conversion: the ADPCM bytes go to write in whole 80-byte frames, progress (may be
-// null) runs from 0 to 100. Returns KAVO_OK or a KAVO_ERROR_* status with a one-line message
-// in message (when message_size is not 0). Everything runs on the caller's thread.
-int run_engine(EngineInput& input, float gain, kavo_write_fn write, kavo_progress_fn progress,
-               void* user, char* message, size_t message_size);
-int run_engine(EngineInput& input, float gain, kavo_write_fn write, kavo_progress_fn progress,
-               void* user, char* message, size_t message_size, EngineOptions& options);
+// The negative gain of largest magnitude that wraps none of the samples the report
+// describes (the report's max_gain is the positive one).
+double largest_negative_gain(const kavo_report& report);
+
+// The default settings with the given gain.
+inline kavo_settings settings_with_gain(float gain) {
+    kavo_settings settings = KAVO_SETTINGS_INIT;
+    settings.gain = gain;
+    return settings;
+}
+
+// The same with the default settings but the gain, and no report.
+inline int run_engine(EngineInput& input, float gain, kavo_write_fn write,
+                      kavo_progress_fn progress, void* user, char* message, size_t message_size) {
+    return run_engine(input, settings_with_gain(gain), write, progress, user, nullptr, message,
+                      message_size);
+}
 
 }  // namespace kavolib

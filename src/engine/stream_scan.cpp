@@ -63,7 +63,12 @@ StreamScan scan_stream(ByteSource& source) {
             scan.layer12_offset = read.header_offset;
             break;
         }
+        if (scan.layer3_frames > 0 &&
+            (frames.pcm_rate != scan.last_rate || frames.pcm_channels != scan.last_channels)) {
+            scan.format_changed = true;
+        }
         ++scan.layer3_frames;
+        scan.last_version = header.version;
         scan.last_rate = frames.pcm_rate;
         scan.last_channels = frames.pcm_channels;
         scan.pcm_frames += int64_t{576} * header.granules;

@@ -32,6 +32,8 @@ struct StreamScan {
     // describe the whole decoded PCM, as the decoded file's WAV header does.
     int32_t last_rate;         // Hz, 0 when no frame is delivered
     int32_t last_channels;     // 1 or 2, 0 when no frame is delivered
+    int32_t last_version;      // 3 MPEG-1, 2 MPEG-2, 0 MPEG-2.5
+    bool format_changed;       // a Layer III frame's rate or channels differ from the one before
 
     // Decoded samples per channel and their duration at last_rate.
     int64_t pcm_frames;        // 576 x granules summed over the Layer III frames

@@ -45,6 +45,20 @@ class KavoModule(unittest.TestCase):
                 self.assertEqual(read(out), expected)
                 self.assertEqual(percents, sorted(percents))
                 self.assertEqual(percents[-1], 100)
+                result = kavo.convert(mp3, gain=gain)
+                self.assertEqual(result.adpcm, expected)
+                self.assertEqual(vars(kavo.convert(read(mp3), gain=gain)), vars(result))
+
+    def test_report_of_convert(self):
+        mp3 = os.path.join(FIXTURES, "speech_mono_22k.mp3")
+        result = kavo.convert(mp3)
+        self.assertEqual((result.input_kind, result.sample_rate, result.channels, result.gain),
+                         ("MP3", 22050, 1, 1.0))
+        self.assertEqual(result.output_seconds, len(result.adpcm) / 4000)
+        self.assertEqual(result.peak, max(result.highest, -result.lowest))
+        # The largest gain wraps nothing, a float32 or two above it wraps something.
+        self.assertEqual(kavo.convert(mp3, gain=result.max_gain).wrapped, 0)
+        self.assertGreater(kavo.convert(mp3, gain=result.max_gain * (1 + 2 ** -22)).wrapped, 0)
 
     def test_layer2_input_raises_and_keeps_the_existing_output(self):
         layer2 = os.path.join(FIXTURES, "layer2_m1_44k_stereo.mp2")
