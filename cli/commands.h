@@ -19,6 +19,7 @@ struct ConvertOptions {
     float gain = 1.0f;
     bool quiet = false;
     bool verbose = false;
+    bool gapless = false;  // honour the encoder's header: its delay and padding left out
     bool no_clobber = false;
 };
 

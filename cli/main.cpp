@@ -104,6 +104,9 @@ int main(int argc, char** argv) {
     convert->add_flag("-v,--verbose", convert_options.verbose,
                       "also describe each input and the level it converts to")
         ->excludes(convert_quiet);
+    convert->add_flag("--gapless", convert_options.gapless,
+                      "leave out the encoder's delay and padding and its header frame, as the "
+                      "header in an MP3's first frame gives them");
     convert->add_flag("-n,--no-clobber", convert_options.no_clobber,
                       "leave an output that is already there (counted as skipped, not failed)");
     convert->footer(
