@@ -78,7 +78,7 @@ _lib.kavo_convert_memory.argtypes = [ctypes.c_char_p, ctypes.c_size_t, ctypes.c_
                                      ctypes.c_size_t]
 _lib.kavo_convert_memory.restype = ctypes.c_int
 class _Settings(ctypes.Structure):
-    _fields_ = [("size", ctypes.c_uint32), ("gain", ctypes.c_float)]
+    _fields_ = [("size", ctypes.c_uint32), ("gain", ctypes.c_float), ("gapless", ctypes.c_int32)]
 
 
 class _Report(ctypes.Structure):
@@ -91,7 +91,8 @@ class _Report(ctypes.Structure):
                 ("gain", ctypes.c_double), ("highest", ctypes.c_int32),
                 ("lowest", ctypes.c_int32), ("max_gain", ctypes.c_double),
                 ("max_gain_high", ctypes.c_double), ("max_gain_low", ctypes.c_double),
-                ("wrapped", ctypes.c_int64)]
+                ("wrapped", ctypes.c_int64), ("gapless_applied", ctypes.c_int32),
+                ("padding_1", ctypes.c_int32)]
 
 
 class _Io(ctypes.Structure):
@@ -189,15 +190,17 @@ class Result:
     lowest, the extreme 8000 Hz samples before the gain, and peak, the larger magnitude of the
     two; max_gain, the largest gain that wraps no sample (max_gain_high and max_gain_low, the
     limits each extreme sets); wrapped, the samples the gain wrapped in 16 bits;
-    format_changed, whether an MP3 stream changed rate or channels on the way."""
+    format_changed, whether an MP3 stream changed rate or channels on the way;
+    gapless_applied, whether gapless=True found the encoder's header and cut to it."""
 
     def __init__(self, adpcm, report):
         self.adpcm = adpcm
         for name, _ in _Report._fields_:
-            if name != "size":
+            if name not in ("size", "padding_1"):
                 setattr(self, name, getattr(report, name))
         self.input_kind = _KINDS.get(report.input_kind, "")
         self.format_changed = bool(report.format_changed)
+        self.gapless_applied = bool(report.gapless_applied)
         self.peak = max(abs(report.highest), abs(report.lowest))
 
     def __repr__(self):
@@ -208,9 +211,12 @@ class Result:
                                                 self.max_gain, self.wrapped))
 
 
-def convert(data_or_path, gain=1.0, progress=None):
+def convert(data_or_path, gain=1.0, progress=None, gapless=False):
     """Converts MP3 data (bytes-like) or the file at a path (str or os.PathLike) and returns a
     kavo.Result with the ADPCM bytes and the conversion's report.
+
+    gapless=True honours the encoder's header in the first MP3 frame: that frame, the
+    encoder's delay and padding and the decoder's 529 samples are left out.
 
     progress is called as for convert_file; an exception it raises stops the conversion and
     is raised again. Raises kavo.Error when the conversion fails."""
@@ -221,7 +227,7 @@ def convert(data_or_path, gain=1.0, progress=None):
     else:
         data = bytes(data_or_path)
         io = _Io(None, data, len(data), None, call.write, call.progress, None)
-    settings = _Settings(ctypes.sizeof(_Settings), gain)
+    settings = _Settings(ctypes.sizeof(_Settings), gain, 1 if gapless else 0)
     report = _Report(size=ctypes.sizeof(_Report))
     status = _lib.kavo_convert(ctypes.byref(io), ctypes.byref(settings), ctypes.byref(report),
                                call.message, _MESSAGE_SIZE)
