@@ -363,8 +363,8 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
         kavolib::EngineInput engine_input = input.engine_input();
         kavo_settings settings = kavolib::settings_with_gain(options.gain);
         settings.gapless = options.gapless ? 1 : 0;
-        status = kavolib::run_engine(engine_input, settings, write_output, show_progress, &context, &report, message,
-                                     sizeof message);
+        status = kavolib::run_engine(engine_input, settings, write_output, show_progress,
+                                     &context, &report, message, sizeof message);
     }
     if (status == KAVO_ERROR_STOPPED && interrupted()) return {Result::interrupted, {}};
     if (!input.unchanged(why)) return failure(why);

@@ -49,13 +49,15 @@ bool cut_to_gapless(const std::string& input, const std::string& name) {
     bool ok = src != nullptr && dst != nullptr;
     if (ok && wav) {
         uint8_t header[kavolib::kWavHeaderSize];
-        kavolib::make_wav_header(header, static_cast<uint32_t>(head + left), scan.last_channels, scan.last_rate);
+        kavolib::make_wav_header(header, static_cast<uint32_t>(head + left), scan.last_channels,
+                                 scan.last_rate);
         ok = std::fwrite(header, 1, sizeof header, dst) == sizeof header;
     }
     ok = ok && std::fseek(src, static_cast<long>(from), SEEK_SET) == 0;
     char block[1 << 16];
     while (ok && left > 0) {
-        const size_t n = std::fread(block, 1, static_cast<size_t>(std::min<int64_t>(left, sizeof block)), src);
+        const size_t n =
+            std::fread(block, 1, static_cast<size_t>(std::min<int64_t>(left, sizeof block)), src);
         ok = n > 0 && std::fwrite(block, 1, n, dst) == n;
         left -= static_cast<int64_t>(n);
     }

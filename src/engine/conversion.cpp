@@ -448,7 +448,8 @@ bool Conversion::skip_front() {
             if (!next_granule()) return false;
             continue;
         }
-        const int64_t count = std::min<int64_t>((value_count_ - value_position_) / channels_, skip_frames_);
+        const int64_t count =
+            std::min<int64_t>((value_count_ - value_position_) / channels_, skip_frames_);
         value_position_ += static_cast<int>(count) * channels_;
         skip_frames_ -= count;
     }

@@ -15,7 +15,9 @@ uint32_t be32(const uint8_t* p) {
     return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
 }
 
-uint32_t be16(const uint8_t* p) { return (uint32_t{p[0]} << 8) | p[1]; }
+uint32_t be16(const uint8_t* p) {
+    return (uint32_t{p[0]} << 8) | p[1];
+}
 
 // The extension's CRC: CRC-16 with the reflected polynomial 0xA001 from 0, not the frame CRC.
 uint32_t extension_crc(const uint8_t* bytes, size_t size) {
@@ -39,8 +41,7 @@ constexpr size_t kCrcAt = 34;
 
 void read_extension(const uint8_t* frame, size_t size, size_t at, EncoderHeader& header) {
     if (at + kDelayAt + 3 > size || !printable(frame + at, 4)) return;
-    if (at + kCrcAt + 2 <= size &&
-        extension_crc(frame, at + kCrcAt) != be16(frame + at + kCrcAt)) {
+    if (at + kCrcAt + 2 <= size && extension_crc(frame, at + kCrcAt) != be16(frame + at + kCrcAt)) {
         return;
     }
     const uint8_t* d = frame + at + kDelayAt;
@@ -51,13 +52,15 @@ void read_extension(const uint8_t* frame, size_t size, size_t at, EncoderHeader&
 
 }  // namespace
 
-EncoderHeader parse_encoder_header(const uint8_t* frame, size_t size, int32_t id, int32_t channels) {
+EncoderHeader parse_encoder_header(const uint8_t* frame, size_t size, int32_t id,
+                                   int32_t channels) {
     EncoderHeader header{};
     // The encoders write the Xing header right behind the side information even in frames
     // with a CRC word (and the decoders look for it there), so the CRC's 2 bytes are not counted.
     const size_t side_info = id == 1 ? (channels == 1 ? 17 : 32) : (channels == 1 ? 9 : 17);
     size_t at = 4 + side_info;
-    if (at + 8 <= size && (std::memcmp(frame + at, "Xing", 4) == 0 || std::memcmp(frame + at, "Info", 4) == 0)) {
+    if (at + 8 <= size &&
+        (std::memcmp(frame + at, "Xing", 4) == 0 || std::memcmp(frame + at, "Info", 4) == 0)) {
         header.found = true;
         const uint32_t flags = be32(frame + at + 4);
         at += 8;
@@ -67,7 +70,8 @@ EncoderHeader parse_encoder_header(const uint8_t* frame, size_t size, int32_t id
             header.frames = be32(frame + at);
             at += 4;
         }
-        at += ((flags & 2u) != 0 ? 4 : 0) + ((flags & 4u) != 0 ? 100 : 0) + ((flags & 8u) != 0 ? 4 : 0);
+        at += ((flags & 2u) != 0 ? 4 : 0) + ((flags & 4u) != 0 ? 100 : 0) +
+              ((flags & 8u) != 0 ? 4 : 0);
         read_extension(frame, size, at, header);
         return header;
     }

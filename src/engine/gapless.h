@@ -18,13 +18,13 @@ inline constexpr int32_t kDecoderDelay = 529;
 inline constexpr size_t kEncoderHeaderBytes = 256;
 
 struct EncoderHeader {
-    bool found;            // an Xing, Info or VBRI header: the frame carries no audio
-    bool vbri;             // the header is a VBRI header
-    bool has_frames;       // the header gives the stream's frame count
-    uint32_t frames;       // audio frames after the header frame
-    bool has_extension;    // delay and padding come from the encoder (VBRI: its delay)
-    int32_t delay;         // samples per channel the encoder put in front, 0 without
-    int32_t padding;       // samples per channel the encoder appended, 0 without
+    bool found;          // an Xing, Info or VBRI header: the frame carries no audio
+    bool vbri;           // the header is a VBRI header
+    bool has_frames;     // the header gives the stream's frame count
+    uint32_t frames;     // audio frames after the header frame
+    bool has_extension;  // delay and padding come from the encoder (VBRI: its delay)
+    int32_t delay;       // samples per channel the encoder put in front, 0 without
+    int32_t padding;     // samples per channel the encoder appended, 0 without
 };
 
 // Looks for the header in the first size bytes of a frame (header bytes included; size is the

@@ -23,9 +23,11 @@ struct ScanState {
 // buffer from its header on.
 EncoderHeader first_frame_header(const FrameState& frames, const FrameHeader& header) {
     uint8_t bytes[kEncoderHeaderBytes];
-    const auto size = std::min(kEncoderHeaderBytes, static_cast<size_t>(std::max(header.frame_length, 0)));
+    const auto size =
+        std::min(kEncoderHeaderBytes, static_cast<size_t>(std::max(header.frame_length, 0)));
     const int32_t start = (frames.current.byte_index - 4 + kStreamBufferSize) % kStreamBufferSize;
-    for (size_t i = 0; i < size; ++i) bytes[i] = frames.stream.bytes[(start + static_cast<int32_t>(i)) % kStreamBufferSize];
+    for (size_t i = 0; i < size; ++i)
+        bytes[i] = frames.stream.bytes[(start + static_cast<int32_t>(i)) % kStreamBufferSize];
     return parse_encoder_header(bytes, size, header.id, header.channels);
 }
 
