@@ -1,8 +1,9 @@
-// kavo convert: MP3 or WAV prompts to ADPCM with the engine, in the command's own process.
+// kavo convert: MP3 files and WAV prompts to ADPCM with the engine, in the command's own process.
 // One IN OUT pair, or any number of inputs into a directory on several threads; "-" reads
-// standard input or writes standard output. Each output is written beside its final
-// name and moved into place only when complete; Ctrl-C or SIGTERM stops every conversion at
-// its next block, removes the partial files and ends the command.
+// standard input or writes standard output. Each output is written by what its name is
+// (engine/output_target.h); -n skips the outputs already there, so a batch can be rerun.
+// Ctrl-C or SIGTERM stops every conversion at its next block, removes the partial files and
+// ends the command.
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -19,13 +20,14 @@
 #include "commands.h"
 #include "console.h"
 #include "engine/conversion.h"
+#include "container/input_layout.h"
+#include "engine/file_source.h"
 #include "engine/memory_source.h"
 #include "engine/output_target.h"
 #include "engine/stream_scan.h"
 #include "files.h"
 #include "interrupt.h"
 #include "kavo/kavo.h"
-#include "wav_input.h"
 
 #include <sys/stat.h>
 
@@ -73,16 +75,16 @@ std::string format(const char* pattern, double a, double b = 0.0) {
     return text;
 }
 
-// The input of one conversion. Standard input and WAV files are read whole (the engine reads
-// an MP3 twice, and the WAV route works on samples in memory); an MP3 file is read from the
-// file as the engine goes, so memory does not grow with its length.
+// The input of one conversion. A regular file is read as the engine goes (at its ends by the
+// container layer, then the stream in order), so memory does not grow with its length;
+// standard input, a named pipe or a device is read whole, since it cannot be read twice.
 class Input {
   public:
     Input() = default;
     Input(const Input&) = delete;
     Input& operator=(const Input&) = delete;
     ~Input() {
-        if (file_ != nullptr) std::fclose(file_);
+        if (file_.file != nullptr) std::fclose(file_.file);
     }
 
     // False with why, or with an empty why when an interrupt came while reading.
@@ -93,102 +95,81 @@ class Input {
                 why = std::strerror(EISDIR);
                 return false;
             }
-            file_ = std::fopen(path.c_str(), "rb");
-            if (file_ == nullptr) {
+            file_.file = std::fopen(path.c_str(), "rb");
+            if (file_.file == nullptr) {
                 why = std::strerror(errno);
                 return false;
             }
             path_ = path;
-            // A named pipe or device is read whole, like standard input: it cannot be read twice.
             struct stat info = {};
-            if (fstat(fileno(file_), &info) == 0 && !S_ISREG(info.st_mode)) {
-                const bool ok = read_descriptor(fileno(file_), bytes_, why) &&
-                                still_whole(fileno(file_), path, bytes_.size(), why);
-                std::fclose(file_);
-                file_ = nullptr;
-                if (!ok) return false;
-                return in_memory_from_bytes();
-            }
-            head_size_ = std::fread(head_, 1, sizeof head_, file_);
-            const bool wav = head_size_ == sizeof head_ && std::memcmp(head_, "RIFF", 4) == 0 &&
-                             std::memcmp(head_ + 8, "WAVE", 4) == 0;
-            if (!wav) {
-                size_ = fs::file_size(path, error);
-                if (std::ferror(file_) == 0 && std::fseek(file_, 0, SEEK_SET) == 0) return true;
+            if (fstat(fileno(file_.file), &info) == 0 && S_ISREG(info.st_mode)) {
+                if (file_.measure()) return true;
                 why = std::strerror(errno);
                 return false;
             }
-            std::fclose(file_);
-            file_ = nullptr;
+            const bool ok = read_descriptor(fileno(file_.file), bytes_, why) &&
+                            still_whole(fileno(file_.file), path, bytes_.size(), why);
+            std::fclose(file_.file);
+            file_.file = nullptr;
+            if (!ok) return false;
+        } else if (!read_whole(path, bytes_, why)) {
+            return false;
         }
-        if (!read_whole(path, bytes_, why)) return false;
-        return in_memory_from_bytes();
+        memory_ = kavolib::MemoryInput{bytes_.data(), bytes_.size(), 0};
+        return true;
     }
 
     // False, with why, when a file read as the engine went was removed, replaced or changed
     // in size meanwhile: what was converted may then be a mixture.
     bool unchanged(std::string& why) const {
-        return file_ == nullptr || still_whole(fileno(file_), path_, size_, why);
+        return file_.file == nullptr || still_whole(fileno(file_.file), path_, file_.size, why);
     }
 
-    bool starts_with(const char* magic, size_t offset = 0) const {
+    bool starts_with(const char* magic, size_t offset = 0) {
         const size_t n = std::strlen(magic);
-        return head_size_ >= offset + n && std::memcmp(head_ + offset, magic, n) == 0;
+        uint8_t head[16];
+        return n <= sizeof head && reader().get(offset, head, n) && std::memcmp(head, magic, n) == 0;
     }
-    bool in_memory() const { return file_ == nullptr; }
-    // The whole input, when it was read whole.
-    const std::vector<uint8_t>& bytes() const { return bytes_; }
-    uintmax_t size() const { return size_; }
+
+    kavolib::ByteReader reader() {
+        return file_.file != nullptr ? file_.reader() : memory_.reader();
+    }
 
     kavolib::EngineInput engine_input() {
-        if (file_ == nullptr) return {memory_.source(), rewind_memory, memory_failed};
-        return {kavolib::ByteSource{read_file, file_}, rewind_file, file_failed};
+        return {reader(), file_.file != nullptr ? kavolib::FileInput::failed : memory_failed};
     }
 
-    // The frame headers from the start; the input is then back at its start.
-    kavolib::StreamScan scan() {
-        kavolib::EngineInput input = engine_input();
-        const kavolib::StreamScan result = kavolib::scan_stream(input.source);
-        input.rewind(input.source.context);
-        return result;
+    // The frame headers of the stream range.
+    kavolib::StreamScan scan(const kavolib::InputLayout& layout) {
+        kavolib::ByteReader whole = reader();
+        Range range{&whole, layout.begin, layout.end};
+        kavolib::ByteSource source{Range::read, &range};
+        return kavolib::scan_stream(source);
     }
 
   private:
-    bool in_memory_from_bytes() {
-        head_size_ = std::min(bytes_.size(), sizeof head_);
-        if (head_size_ > 0) std::memcpy(head_, bytes_.data(), head_size_);  // empty: no data()
-        size_ = bytes_.size();
-        memory_ = kavolib::MemoryInput{bytes_.data(), bytes_.size(), 0};
-        return true;
-    }
-
-    static size_t read_file(void* context, uint8_t* dst, size_t n) {
-        return std::fread(dst, 1, n, static_cast<std::FILE*>(context));
-    }
-    static bool rewind_file(void* context) {
-        auto* file = static_cast<std::FILE*>(context);
-        return std::ferror(file) == 0 && std::fseek(file, 0, SEEK_SET) == 0;
-    }
-    static bool file_failed(void* context) {
-        return std::ferror(static_cast<std::FILE*>(context)) != 0;
-    }
-    static bool rewind_memory(void* context) {
-        static_cast<kavolib::MemoryInput*>(context)->position = 0;
-        return true;
-    }
+    struct Range {
+        const kavolib::ByteReader* in;
+        uint64_t position;
+        uint64_t end;
+        static size_t read(void* context, uint8_t* dst, size_t n) {
+            auto* r = static_cast<Range*>(context);
+            const size_t want = static_cast<size_t>(std::min<uint64_t>(n, r->end - r->position));
+            const size_t got = want == 0 ? 0 : r->in->read_at(r->in->context, r->position, dst, want);
+            r->position += got;
+            return got;
+        }
+    };
     static bool memory_failed(void*) { return false; }
 
-    std::FILE* file_ = nullptr;
+    kavolib::FileInput file_;
     std::string path_;
     std::vector<uint8_t> bytes_;
     kavolib::MemoryInput memory_{nullptr, 0, 0};
-    uint8_t head_[12] = {};
-    size_t head_size_ = 0;
-    uintmax_t size_ = 0;
 };
 
 // Containers that are certainly not MP3 streams, whatever sync patterns their data holds.
-bool other_container(const Input& input) {
+bool other_container(Input& input) {
     static const struct {
         size_t offset;
         const char* magic;
@@ -233,9 +214,10 @@ std::string describe_mp3(const kavolib::StreamScan& s, size_t input_size) {
     return text;
 }
 
-std::string describe_wav(const WavFormat& w) {
-    return "16-bit PCM WAV, " + std::to_string(w.rate) + " Hz, " + channel_words(w.channels) +
-           ", " + std::to_string(w.frames()) + " frames, " + format("%.2f s", w.seconds());
+std::string describe_wav(const kavolib::WavInfo& w) {
+    return std::string(kavolib::wav_encoding_name(w.encoding)) + " WAV, " + std::to_string(w.rate) +
+           " Hz, " + channel_words(w.channels) + ", " + std::to_string(w.frames) + " frames, " +
+           format("%.2f s", static_cast<double>(w.frames) / w.rate);
 }
 
 // "1,204": the digits in groups of three.
@@ -293,12 +275,12 @@ std::vector<std::string> report_lines(const std::string& name, const kavo_report
 }
 
 // An input the engine found no Layer III frame in: an MP3 without audio, or no MP3 at all.
-std::string no_frames_text(const std::string& name, const Input& input,
+std::string no_frames_text(const std::string& name, const kavolib::InputLayout& layout,
                            const kavolib::StreamScan& scan) {
     const bool named_mp3 = lower(fs::path(name).extension().string()) == ".mp3";
-    const bool tagged = input.starts_with("ID3");
+    const bool tagged = !layout.skipped.empty();
     if (scan.frame_count > 0 || named_mp3 || tagged) return "no MPEG audio Layer III frames found";
-    return "not an MP3 or 16-bit PCM WAV file";
+    return "not an MP3 or WAV file";
 }
 
 // What the engine's callbacks reach: the output, the console, and why writing failed.
@@ -337,44 +319,39 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
     if (!input.open(job.input, why)) {
         return interrupted() ? Outcome{Result::interrupted, {}} : failure(why);
     }
-    const std::vector<uint8_t>& bytes = input.bytes();
-    WavFormat wav;
-    const WavCheck wav_check = check_wav(bytes.data(), bytes.size(), wav, why);
-    if (wav_check == WavCheck::refused) {
-        return failure(why + "; only 16-bit PCM WAV (mono or stereo, 8 to 48 kHz) is converted");
-    }
-    const bool is_wav = wav_check == WavCheck::convertible;
-    if (!is_wav && other_container(input)) return failure("not an MP3 or 16-bit PCM WAV file");
+    const kavolib::InputLayout layout = kavolib::find_layout(input.reader());
+    if (layout.kind == kavolib::InputKind::refused) return failure(layout.refusal);
+    const bool is_wav = layout.kind == kavolib::InputKind::wav;
+    if (layout.wav_format_tag == 0 && other_container(input)) return failure("not an MP3 or WAV file");
     if (options.verbose) {
         console.info(shown(job.input, false) + ": " +
-                     (is_wav ? describe_wav(wav) : describe_mp3(input.scan(), input.size())));
+                     (is_wav ? describe_wav(layout.wav)
+                             : describe_mp3(input.scan(layout), static_cast<size_t>(layout.end - layout.begin))));
+        if (!layout.skipped.empty()) {
+            console.info(shown(job.input, false) + ": skipped " +
+                         kavolib::describe_skipped(layout.skipped));
+        }
     }
 
     kavolib::OutputTarget output;
     if (!output.open(job.output, true, why)) return failure("cannot write " + out + ": " + why);
     JobContext context{console, index, output, {}};
     char message[256] = "";
-    std::string wav_message;
-    int status = KAVO_OK;
     kavo_report report = KAVO_REPORT_INIT;
-    if (is_wav) {
-        status = convert_wav(wav, options.gain, write_output, show_progress, &context, wav_message);
-    } else {
-        kavolib::EngineInput engine_input = input.engine_input();
-        kavo_settings settings = kavolib::settings_with_gain(options.gain);
-        settings.gapless = options.gapless ? 1 : 0;
-        status = kavolib::run_engine(engine_input, settings, write_output, show_progress,
-                                     &context, &report, message, sizeof message);
-    }
+    kavolib::EngineInput engine_input = input.engine_input();
+    kavo_settings settings = kavolib::settings_with_gain(options.gain);
+    settings.gapless = options.gapless ? 1 : 0;
+    const int status = kavolib::run_engine(engine_input, settings, write_output, show_progress,
+                                           &context, &report, message, sizeof message);
     if (status == KAVO_ERROR_STOPPED && interrupted()) return {Result::interrupted, {}};
     if (!input.unchanged(why)) return failure(why);
     if (!context.write_error.empty())
         return failure("cannot write " + out + ": " + context.write_error);
     if (status != KAVO_OK) {
-        if (is_wav) return failure(wav_message);
-        const kavolib::StreamScan scan = input.scan();
-        if (status == KAVO_ERROR_FORMAT && scan.layer3_frames == 0 && !scan.has_layer12) {
-            return failure(no_frames_text(job.input, input, scan));
+        if (status == KAVO_ERROR_FORMAT && !is_wav) {
+            const kavolib::StreamScan scan = input.scan(layout);
+            if (scan.layer3_frames == 0 && !scan.has_layer12)
+                return failure(no_frames_text(job.input, layout, scan));
         }
         return failure(message[0] != '\0' ? message : kavo_status_text(status));
     }
@@ -385,14 +362,13 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
         return failure("cannot write " + out + ": " + why);
     }
     const std::string name = shown(job.input, false);
-    if (options.verbose && !is_wav) {
+    if (options.verbose) {
         for (const std::string& line : report_lines(name, report, options.gapless)) console.info(line);
     }
     if (report.wrapped > 0) {
-        const std::string safe =
-            options.gain < 0 ? std::string("-").append(
-                                   safe_gain_text(-kavolib::largest_negative_gain(report)))
-                             : safe_gain_text(report.max_gain);
+        std::string safe = options.gain < 0 ? "-" : "";
+        safe += safe_gain_text(options.gain < 0 ? -kavolib::largest_negative_gain(report)
+                                                : report.max_gain);
         console.warning(name + ": " + grouped(report.wrapped) +
                         (report.wrapped == 1 ? " sample" : " samples") + " wrapped at gain " +
                         gain_text(options.gain) + " (the " +

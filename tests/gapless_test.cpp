@@ -25,10 +25,7 @@ struct Decode {
 Decode convert(const std::string& mp3, bool gapless) {
     Decode run;
     kavolib::MemoryInput memory{reinterpret_cast<const uint8_t*>(mp3.data()), mp3.size(), 0};
-    kavolib::EngineInput input{
-        memory.source(),
-        [](void* m) { return static_cast<kavolib::MemoryInput*>(m)->position = 0, true; },
-        [](void*) { return false; }};
+    kavolib::EngineInput input{memory.reader(), [](void*) { return false; }};
     kavo_settings settings = KAVO_SETTINGS_INIT;
     settings.gapless = gapless ? 1 : 0;
     const int status = kavolib::run_engine(
@@ -37,7 +34,7 @@ Decode convert(const std::string& mp3, bool gapless) {
             return static_cast<Decode*>(user)->adpcm.append(static_cast<const char*>(bytes), size),
                    0;
         },
-        nullptr, &run, &run.report, nullptr, 0,
+        nullptr, &run, &run.report, nullptr, 0, nullptr,
         [](void* user, const int16_t* values, size_t count) {
             static_cast<Decode*>(user)->pcm.insert(static_cast<Decode*>(user)->pcm.end(), values,
                                                    values + count);

@@ -61,14 +61,21 @@ typedef int32_t (*ProgressCallback)(int32_t user, int32_t low, int32_t high, int
                                     int32_t one);
 
 /* Converts the MP3 file input_path into the ADPCM file output_path, multiplying every
- * 8000 Hz sample by gain before encoding (no saturation: the product wraps in 16 bits). */
+ * 8000 Hz sample by gain before encoding (no saturation: the product wraps in 16 bits).
+ * It searches the bytes of tags (ID3, APE, Lyrics3) for frames like any other bytes, while
+ * the kavo_convert_* calls below skip them. */
 KAVO_API ConversionResult kavo(const char* input_path, const char* output_path, float gain,
                                ProgressCallback callback, int32_t user);
 
 
 /*
- * The conversion engine: the same output bytes as kavo(), without temporary files, module
- * state, console text or process exit. Every call owns its own state, so any number of
+ * The conversion engine: the same output bytes as kavo() for the same audio frames, without
+ * temporary files, module state, console text or process exit. The input is recognised by
+ * its content: MPEG audio, with any ID3v2 tags in front, ID3v1, APE, Lyrics3 or appended
+ * ID3v2 tags at the end, or inside a RIFF WAVE file (format 0x55 or 0x50), of which only the
+ * frames are converted; or a WAV file of 8, 16, 24 or 32-bit PCM, 32-bit float, mu-law or
+ * A-law samples, mono or stereo, 8000 to 48000 Hz, whose samples take the same road as
+ * decoded ones (16-bit PCM WAV gives the bytes of the mix, resample and encode stages). Every call owns its own state, so any number of
  * calls may run at once on different threads. Nothing is allocated that the caller must
  * free; the callbacks are always called on the caller's thread, never after the call returns.
  *
@@ -86,9 +93,10 @@ KAVO_API ConversionResult kavo(const char* input_path, const char* output_path, 
 /* The output cannot be written (created, written, flushed or renamed into place). */
 #define KAVO_ERROR_WRITE (-3)
 /* The input holds no Layer III frame, or holds a Layer I or II frame (the message then names
- * the layer and the byte offset of that frame), or decodes to more than 2^31 bytes of 16-bit
- * PCM (some 3 hours of 48 kHz stereo), beyond what the conversion's sizes can count. Nothing
- * is written in any of these cases. */
+ * the layer and the byte offset of that frame in the whole input), or is a WAV file of a kind
+ * not converted (the message names it and says what converts), or decodes to more than 2^31
+ * bytes of 16-bit PCM (some 3 hours of 48 kHz stereo), beyond what the conversion's sizes can
+ * count. Nothing is written in any of these cases. */
 #define KAVO_ERROR_FORMAT (-4)
 /* Memory for the conversion could not be allocated. */
 #define KAVO_ERROR_MEMORY (-5)
@@ -100,7 +108,7 @@ typedef void (*kavo_progress_fn)(void* user, int percent);
 /* Receives the next size bytes of output; return 0 to go on, non-zero to stop. */
 typedef int (*kavo_write_fn)(void* user, const void* bytes, size_t size);
 
-/* Converts the MP3 file input_path into the ADPCM file output_path with the given gain.
+/* Converts the MP3 or WAV file input_path into the ADPCM file output_path with the given gain.
  * The output is written by what output_path is. A regular file, or a name not taken yet, is
  * written under a temporary name beside it and renamed into place only when complete: on any
  * failure an existing file is left as it was and no file remains. A symbolic link is followed
@@ -113,9 +121,9 @@ KAVO_API int kavo_convert_file(const char* input_path, const char* output_path, 
                                kavo_progress_fn progress, void* user, char* message,
                                size_t message_size);
 
-/* Converts the mp3_size bytes at mp3 and hands the ADPCM output to write, in order, in
- * blocks of whole 80-byte frames. Nothing is written when the input is refused (format
- * errors are found before the first write). progress may be NULL. */
+/* Converts the mp3_size bytes at mp3 (an MP3 or WAV file) and hands the ADPCM output to
+ * write, in order, in blocks of whole 80-byte frames. Nothing is written when the input is
+ * refused (format errors are found before the first write). progress may be NULL. */
 KAVO_API int kavo_convert_memory(const void* mp3, size_t mp3_size, float gain,
                                  kavo_write_fn write, kavo_progress_fn progress, void* user,
                                  char* message, size_t message_size);
@@ -181,7 +189,8 @@ typedef struct kavo_report {
     int64_t input_frames;   /* 24: sample frames the conversion takes from the input */
     double input_seconds;   /* 32: input_frames / sample_rate */
     int64_t mp3_frames;     /* 40: MP3 frames decoded (0 for WAV) */
-    int64_t skipped_bytes;  /* 48: bytes of tags or wrappers around the audio, skipped */
+    int64_t skipped_bytes;  /* 48: bytes of tags or wrappers around the audio, skipped (an
+                                   MP3 is read whole today: 0) */
     int64_t output_bytes;   /* 56: ADPCM bytes written, 80 per 160 samples */
     double output_seconds;  /* 64: output_bytes / 4000 */
     double gain;            /* 72: the gain applied */
@@ -207,9 +216,8 @@ typedef struct kavo_report {
      0.0, 0, 0, 0}
 
 /* Where a conversion reads and writes. The input: the file input_path, or when input_path is
- * NULL the input_size bytes at input_data. The output: the file output_path (written beside
- * it and renamed into place when complete, as kavo_convert_file does), or when output_path is
- * NULL the write function (blocks of whole 80-byte frames, as kavo_convert_memory does).
+ * NULL the input_size bytes at input_data. The output: the file output_path (written by what
+ * it is, as kavo_convert_file does), or when output_path is NULL the write function (blocks of whole 80-byte frames, as kavo_convert_memory does).
  * progress may be NULL; user is handed back to write and progress. */
 typedef struct kavo_io {
     const char* input_path;

@@ -38,6 +38,7 @@
 #include "adpcm/adpcm_core.h"
 #include "engine/stream_scan.h"
 #include "frame/codec.h"
+#include "frame/frame_sync.h"
 #include "layer3/layer3.h"
 #include "layer3/layer3_state.h"
 #include "pcmout/pcm_output.h"
@@ -57,8 +58,36 @@ constexpr int kOutputFrames = 100;
 constexpr int kBlockGranules = 16;
 constexpr int kBlocks = 4;
 
+// Where the 16-bit values come from, a granule's worth at a time: the decoder, or the samples
+// of a WAV file.
+class ValueSource {
+public:
+    virtual ~ValueSource() = default;
+    // The next values (interleaved when stereo) into out, at most kGranuleValues; 0 at the end.
+    virtual int next(int16_t* out) = 0;
+};
+
+// The bytes [position, end) of the input, in order, as the frame layer reads them.
+struct RangeSource {
+    const ByteReader* in;
+    uint64_t begin;
+    uint64_t end;
+    uint64_t position;
+
+    static size_t read(void* context, uint8_t* dst, size_t n) {
+        auto* range = static_cast<RangeSource*>(context);
+        const uint64_t left = range->end - range->position;
+        const size_t want = left < n ? static_cast<size_t>(left) : n;
+        const size_t got = want == 0 ? 0 : range->in->read_at(range->in->context, range->position, dst, want);
+        range->position += got;
+        return got;
+    }
+
+    ByteSource source() { return ByteSource{read, this}; }
+};
+
 // The decode: the frame layer and the Layer III decoder with their own states.
-class Decoder {
+class Decoder : public ValueSource {
 public:
     explicit Decoder(ByteSource& source) : source_(source) {}
 
@@ -74,7 +103,7 @@ public:
     // as the decode loop does it (granule 1 starts where granule 0 ended when that had no
     // error) and rounded to 16 bits as the decoded file holds it, both channels interleaved.
     // Returns the number of values, 0 at the end of the decode.
-    int next(int16_t* out) {
+    int next(int16_t* out) override {
         if (granule_ >= granules_in_frame_) {
             FrameRead read = read_frame_from(frames_, reader_, header_, source_);
             if (skip_frame_ && read.result == 0) {
@@ -129,6 +158,34 @@ private:
     bool skip_frame_ = false;
 };
 
+// The samples of a WAV file, turned into 16-bit values by their encoding's rule, a granule's
+// length of frames at a time.
+class WavSamples : public ValueSource {
+public:
+    WavSamples(const ByteReader& in, const InputLayout& layout)
+        : in_(in), info_(layout.wav), position_(layout.begin) {}
+
+    int next(int16_t* out) override {
+        const uint64_t left = info_.frames - frames_done_;
+        const int frames = left < kGranuleSamples ? static_cast<int>(left) : kGranuleSamples;
+        const size_t values = static_cast<size_t>(frames) * static_cast<size_t>(info_.channels);
+        const size_t bytes = values * static_cast<size_t>(info_.sample_bytes);
+        // A short read ends the samples; the caller learns of it from the input's failed().
+        if (frames == 0 || in_.read_at(in_.context, position_, raw_, bytes) != bytes) return 0;
+        wav_to_16(info_.encoding, raw_, values, out);
+        position_ += bytes;
+        frames_done_ += static_cast<uint64_t>(frames);
+        return static_cast<int>(values);
+    }
+
+private:
+    const ByteReader& in_;
+    WavInfo info_;
+    uint64_t position_;
+    uint64_t frames_done_ = 0;
+    uint8_t raw_[kGranuleValues * 4] = {};
+};
+
 struct GranuleBlock {
     int16_t values[kBlockGranules][kGranuleValues];
     int counts[kBlockGranules];
@@ -140,14 +197,15 @@ struct GranuleBlock {
 // a decode thread through a ring of kBlocks blocks. The caller sees the same granules either way.
 class GranuleFeed {
 public:
-    explicit GranuleFeed(Decoder& decoder) : decoder_(decoder) {}
+    GranuleFeed() = default;
     GranuleFeed(const GranuleFeed&) = delete;
     GranuleFeed& operator=(const GranuleFeed&) = delete;
     ~GranuleFeed() { stop(); }
 
     // Starts the decode thread when asked to and when one can be had. The decode on demand
     // needs one block, the thread a ring of kBlocks; their values are written before being read.
-    void start(bool decode_thread) {
+    void start(ValueSource& source, bool decode_thread) {
+        decoder_ = &source;
 #if KAVO_DECODE_THREAD
         if (decode_thread) {
             blocks_.reset(new GranuleBlock[kBlocks]);
@@ -205,7 +263,7 @@ private:
 #if KAVO_DECODE_THREAD
             if (stop_.load(std::memory_order_relaxed)) break;
 #endif
-            const int count = decoder_.next(block.values[block.granules]);
+            const int count = decoder_->next(block.values[block.granules]);
             if (count == 0) {
                 block.last = true;
                 break;
@@ -257,7 +315,7 @@ private:
     }
 #endif
 
-    Decoder& decoder_;
+    ValueSource* decoder_ = nullptr;
     std::unique_ptr<GranuleBlock[]> blocks_;
     const GranuleBlock* block_ = nullptr;  // the block being read
     int position_ = 0;                      // its next granule
@@ -293,9 +351,12 @@ public:
         : input_(input), gain_(settings.gain), gapless_(settings.gapless != 0), write_(write),
           progress_(progress), user_(user), report_(report), decoded_(decoded) {}
 
-    int run(char* message, size_t message_size);
+    int run(char* message, size_t message_size, InputLayout* described);
 
 private:
+    int run_mpeg();
+    int run_wav();
+    int convert(double factor, int64_t n_frames);
     int fail(int status, const char* format, ...) __attribute__((format(printf, 3, 4)));
     bool next_granule();
     bool apply_gapless(const StreamScan& scan, int64_t& n_frames);
@@ -325,7 +386,11 @@ private:
     char* message_ = nullptr;
     size_t message_size_ = 0;
 
-    Decoder decoder_{input_.source};
+    InputLayout layout_;
+    RangeSource range_{&input_.reader, 0, 0, 0};
+    ByteSource stream_ = range_.source();
+    Decoder decoder_{stream_};
+    std::unique_ptr<WavSamples> wav_;
     int64_t granules_done_ = 0;
     int64_t granules_total_ = 0;
     int last_percent_ = -1;
@@ -358,7 +423,7 @@ private:
 
     // Declared last, so that it is destroyed first: the decode thread ends before anything
     // it uses goes.
-    GranuleFeed feed_{decoder_};
+    GranuleFeed feed_;
 };
 
 int Conversion::fail(int status, const char* format, ...) {
@@ -526,16 +591,33 @@ int Conversion::take_output(const int16_t* samples, size_t n) {
     return 0;
 }
 
-int Conversion::run(char* message, size_t message_size) {
+int Conversion::run(char* message, size_t message_size, InputLayout* described) {
     message_ = message;
     message_size_ = message_size;
-    const StreamScan scan = scan_stream(input_.source);
-    if (input_.failed(input_.source.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
+    layout_ = find_layout(input_.reader);
+    if (described != nullptr) *described = layout_;
+    for (const SkippedItem& item : layout_.skipped) report_.skipped_bytes += static_cast<int64_t>(item.size);
+    if (input_.failed(input_.reader.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
+    switch (layout_.kind) {
+        case InputKind::refused:
+            return fail(KAVO_ERROR_FORMAT, "%s", layout_.refusal.c_str());
+        case InputKind::wav:
+            return run_wav();
+        case InputKind::mpeg:
+            break;
+    }
+    return run_mpeg();
+}
+
+int Conversion::run_mpeg() {
+    range_ = RangeSource{&input_.reader, layout_.begin, layout_.end, layout_.begin};
+    const StreamScan scan = scan_stream(stream_);
+    if (input_.failed(input_.reader.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
     if (scan.has_layer12) {
         return fail(KAVO_ERROR_FORMAT,
                     "a Layer %s frame at byte %lld: only MPEG audio Layer III is converted",
                     scan.layer12_layer == 1 ? "I" : "II",
-                    static_cast<long long>(scan.layer12_offset));
+                    static_cast<long long>(scan.layer12_offset + static_cast<int64_t>(layout_.begin)));
     }
     if (scan.layer3_frames == 0) return fail(KAVO_ERROR_FORMAT, "no MPEG audio Layer III frame in the input");
 
@@ -545,7 +627,7 @@ int Conversion::run(char* message, size_t message_size) {
     const auto data_size = static_cast<int32_t>(static_cast<uint32_t>(2 * scan.pcm_values));
     int64_t n_frames = data_size / (2 * channels_);
     const double factor = 8000.0 / scan.last_rate;
-    double m_frames = std::trunc(static_cast<double>(n_frames) * factor + 0.5);
+    const double m_frames = std::trunc(static_cast<double>(n_frames) * factor + 0.5);
     if (2 * scan.pcm_values > INT32_MAX || n_frames < 1 || !(m_frames >= 1.0)) {
         return fail(KAVO_ERROR_FORMAT, "the input is too long: %lld decoded values",
                     static_cast<long long>(scan.pcm_values));
@@ -553,8 +635,6 @@ int Conversion::run(char* message, size_t message_size) {
     granules_total_ = scan.pcm_frames / kGranuleSamples;
     // With the gapless cut, N counts the frames kept and M follows it.
     const bool gapless = apply_gapless(scan, n_frames);
-    m_frames = std::trunc(static_cast<double>(n_frames) * factor + 0.5);
-    mono_total_ = n_frames;
     static constexpr int32_t kEncodings[4] = {KAVO_ENCODING_MPEG25_LAYER3, 0,
                                               KAVO_ENCODING_MPEG2_LAYER3,
                                               KAVO_ENCODING_MPEG1_LAYER3};
@@ -567,8 +647,8 @@ int Conversion::run(char* message, size_t message_size) {
     report_.input_seconds = static_cast<double>(n_frames) / scan.last_rate;
     report_.mp3_frames = scan.layer3_frames - (gapless ? 1 : 0);
     report_.gapless_applied = gapless ? 1 : 0;
-    if (!(m_frames >= 1.0)) {
-        // The cut leaves less than one 8000 Hz sample: the output is empty.
+    if (!(std::trunc(static_cast<double>(n_frames) * factor + 0.5) >= 1.0)) {
+        // The gapless cut leaves less than one 8000 Hz sample: the output is empty.
         report(0);
         report(100);
         finish_report();
@@ -576,11 +656,47 @@ int Conversion::run(char* message, size_t message_size) {
         return KAVO_OK;
     }
 
-    if (!input_.rewind(input_.source.context)) return fail(KAVO_ERROR_READ, "the input cannot be read again");
+    range_.position = range_.begin;
     decoder_.reset(gapless);
+    feed_.start(decoder_, want_decode_thread());
+    return convert(factor, n_frames);
+}
+
+// WAV samples take the road the decoded values take, with the counts the mix and resample
+// stages give a 16-bit WAV file of that many frames.
+int Conversion::run_wav() {
+    const WavInfo& wav = layout_.wav;
+    if (wav.frames > static_cast<uint64_t>(INT32_MAX / 2)) {
+        return fail(KAVO_ERROR_FORMAT, "the input is too long: %llu frames",
+                    static_cast<unsigned long long>(wav.frames));
+    }
+    const auto n_frames = static_cast<int64_t>(wav.frames);
+    const double factor = 8000.0 / wav.rate;
+    if (n_frames < 1 || !(std::trunc(static_cast<double>(n_frames) * factor + 0.5) >= 1.0)) {
+        return fail(KAVO_ERROR_FORMAT, "the input is too short to convert");
+    }
+    channels_ = wav.channels;
+    static constexpr int32_t kEncodings[] = {KAVO_ENCODING_PCM_U8,    KAVO_ENCODING_PCM_16,
+                                             KAVO_ENCODING_PCM_24,    KAVO_ENCODING_PCM_32,
+                                             KAVO_ENCODING_FLOAT_32, KAVO_ENCODING_MULAW,
+                                             KAVO_ENCODING_ALAW};
+    report_.input_kind = KAVO_INPUT_WAV;
+    report_.encoding = kEncodings[static_cast<int>(wav.encoding)];
+    report_.sample_rate = wav.rate;
+    report_.channels = wav.channels;
+    report_.input_frames = n_frames;
+    report_.input_seconds = static_cast<double>(n_frames) / wav.rate;
+    granules_total_ = (n_frames + kGranuleSamples - 1) / kGranuleSamples;
+    wav_ = std::make_unique<WavSamples>(input_.reader, layout_);
+    feed_.start(*wav_, want_decode_thread());
+    return convert(factor, n_frames);
+}
+
+int Conversion::convert(double factor, int64_t n_frames) {
+    const double m_frames = std::trunc(static_cast<double>(n_frames) * factor + 0.5);
+    mono_total_ = n_frames;
     adpcm_init(adpcm_);
     report(0);
-    feed_.start(want_decode_thread());
 
     const FilterSet filter = largeFilter();
     ResampleIo io{read_mono_io, write_io, nullptr, this, nullptr};
@@ -594,7 +710,7 @@ int Conversion::run(char* message, size_t message_size) {
     finish_report();
     if (written == kResampleStopped || stopped_) return fail(KAVO_ERROR_STOPPED, "the write function asked to stop");
     if (written < 0) return fail(KAVO_ERROR_FORMAT, "resampling failed: %s", io.failure != nullptr ? io.failure : "");
-    if (input_.failed(input_.source.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
+    if (input_.failed(input_.reader.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
     if (written < 1) return fail(KAVO_ERROR_FORMAT, "the input is too short to convert");
     if (!flush_output()) return fail(KAVO_ERROR_STOPPED, "the write function asked to stop");
     report(100);
@@ -611,7 +727,7 @@ double largest_negative_gain(const kavo_report& report) {
 
 int run_engine(EngineInput& input, const kavo_settings& settings, kavo_write_fn write,
                kavo_progress_fn progress, void* user, kavo_report* report, char* message,
-               size_t message_size, DecodedTap decoded) {
+               size_t message_size, InputLayout* described, DecodedTap decoded) {
     kavo_report unused{};
     kavo_report& out = report != nullptr ? *report : unused;
     out = kavo_report{};
@@ -620,7 +736,7 @@ int run_engine(EngineInput& input, const kavo_settings& settings, kavo_write_fn 
     try {
         auto conversion =
             std::make_unique<Conversion>(input, settings, write, progress, user, out, decoded);
-        return conversion->run(message, message_size);
+        return conversion->run(message, message_size, described);
     } catch (const std::bad_alloc&) {
         if (message != nullptr && message_size > 0) {
             std::snprintf(message, message_size, "out of memory");

@@ -2,22 +2,25 @@
 // cores as a chain, pulled from the output end: the resampler asks for mono samples, the mix
 // asks the decoder for granules, the decoder asks the frame layer for frames. No file, no
 // module-level state, nothing printed; every failure comes back as a status and a message.
+// The input is MPEG audio (only the stream between its tags and wrapper is decoded) or WAV
+// samples; either way the 16-bit values take the same road through the mix, the resampler
+// and the coder.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
-#include "frame/frame_sync.h"
+#include "container/byte_reader.h"
+#include "container/input_layout.h"
 #include "kavo/kavo.h"
 
 namespace kavolib {
 
-// The input of a conversion: its bytes, and a way back to its first byte (the headers are
-// scanned before the decode, so the input is read twice). failed tells whether a read failed
-// rather than reaching the end.
+// The input of a conversion: random access to its bytes (the container layer reads its ends,
+// the frame headers are scanned before the decode, so the stream is read twice), and whether
+// a read failed rather than reaching the end.
 struct EngineInput {
-    ByteSource source;
-    bool (*rewind)(void* context);
+    ByteReader reader;
     bool (*failed)(void* context);
 };
 
@@ -25,13 +28,15 @@ struct EngineInput {
 // bytes go to write in whole 80-byte frames, progress (may be null) runs from 0 to 100. Returns
 // KAVO_OK or a KAVO_ERROR_* status with a one-line message in message (when message_size is
 // not 0). report, when not null, is a whole record of the library's own size and receives what
-// the conversion found. Everything runs on the caller's thread.
+// the conversion found. Everything runs on the caller's thread. described, when not null,
+// receives what the input was found to be (also on failure, once the input was looked at).
 // decoded, when not null, receives the decoded 16-bit values the mix reads, after the gapless
 // cut: frames of the last frame's channel count, interleaved.
 using DecodedTap = void (*)(void* user, const int16_t* values, size_t count);
 int run_engine(EngineInput& input, const kavo_settings& settings, kavo_write_fn write,
                kavo_progress_fn progress, void* user, kavo_report* report, char* message,
-               size_t message_size, DecodedTap decoded = nullptr);
+               size_t message_size, InputLayout* described = nullptr,
+               DecodedTap decoded = nullptr);
 
 // The negative gain of largest magnitude that wraps none of the samples the report
 // describes (the report's max_gain is the positive one).

@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "engine/conversion.h"
+#include "engine/file_source.h"
 #include "engine/memory_source.h"
 #include "engine/output_target.h"
 #include "kavo/kavo.h"
@@ -29,27 +30,7 @@ int refuse(char* message, size_t size, const char* text) {
 
 std::string error_text(int code) { return std::generic_category().message(code); }
 
-bool memory_rewind(void* context) {
-    static_cast<MemoryInput*>(context)->position = 0;
-    return true;
-}
-
 bool memory_failed(void*) { return false; }
-
-struct FileInput {
-    FILE* file;
-};
-
-size_t file_read(void* context, uint8_t* dst, size_t n) {
-    return std::fread(dst, 1, n, static_cast<FileInput*>(context)->file);
-}
-
-bool file_rewind(void* context) {
-    FILE* file = static_cast<FileInput*>(context)->file;
-    return std::ferror(file) == 0 && std::fseek(file, 0, SEEK_SET) == 0;
-}
-
-bool file_failed(void* context) { return std::ferror(static_cast<FileInput*>(context)->file) != 0; }
 
 // The caller's progress function and user value, and the output the engine writes to.
 struct FileJob {
@@ -118,20 +99,23 @@ int convert(const kavo_io& io, const kavo_settings& settings, kavo_report* repor
     if (!std::isfinite(settings.gain)) {
         return refuse(message, message_size, "the gain is not a finite number");
     }
+    FileInput in{nullptr};
     try {
         MemoryInput memory{static_cast<const uint8_t*>(io.input_data),
                            io.input_data == nullptr ? 0 : io.input_size, 0};
-        EngineInput input{memory.source(), memory_rewind, memory_failed};
-        FileInput in{nullptr};
+        EngineInput input{memory.reader(), memory_failed};
         if (io.input_path != nullptr) {
             errno = 0;
             in.file = std::fopen(io.input_path, "rb");
-            if (in.file == nullptr) {
+            // The container layer reads the input's end first: it must have a size.
+            if (in.file == nullptr || !in.measure()) {
+                const int error = errno;
+                if (in.file != nullptr) std::fclose(in.file);
                 set_message(message, message_size,
-                            std::string("cannot open ") + io.input_path + ": " + error_text(errno));
+                            std::string("cannot open ") + io.input_path + ": " + error_text(error));
                 return KAVO_ERROR_READ;
             }
-            input = EngineInput{ByteSource{file_read, &in}, file_rewind, file_failed};
+            input = EngineInput{in.reader(), FileInput::failed};
         }
         int status = KAVO_OK;
         try {
@@ -147,6 +131,7 @@ int convert(const kavo_io& io, const kavo_settings& settings, kavo_report* repor
         if (in.file != nullptr) std::fclose(in.file);
         return status;
     } catch (const std::bad_alloc&) {
+        if (in.file != nullptr) std::fclose(in.file);
         set_message(message, message_size, "out of memory");
         return KAVO_ERROR_MEMORY;
     }

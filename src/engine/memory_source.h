@@ -1,4 +1,5 @@
-// A block of input bytes in memory as a ByteSource for the frame layer.
+// A block of input bytes in memory, read in order (a ByteSource for the frame layer) or at
+// any offset (a ByteReader for the container layer and the engine).
 #pragma once
 
 #include <algorithm>
@@ -6,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "container/byte_reader.h"
 #include "frame/frame_sync.h"
 
 namespace kavolib {
@@ -23,7 +25,16 @@ struct MemoryInput {
         return got;
     }
 
+    static size_t read_at(void* context, uint64_t offset, uint8_t* dst, size_t n) {
+        auto* input = static_cast<MemoryInput*>(context);
+        if (offset >= input->size) return 0;
+        const size_t got = std::min<uint64_t>(n, input->size - offset);
+        if (got > 0) std::memcpy(dst, input->bytes + offset, got);
+        return got;
+    }
+
     ByteSource source() { return ByteSource{read, this}; }
+    ByteReader reader() { return ByteReader{size, read_at, this}; }
 };
 
 }  // namespace kavolib

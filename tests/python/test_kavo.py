@@ -85,6 +85,24 @@ class KavoModule(unittest.TestCase):
             kavo.convert_bytes(read(layer2))
         self.assertEqual(raised.exception.status, kavo.ERROR_FORMAT)
 
+    def test_tags_and_wrappers_convert_like_their_bare_audio(self):
+        tags = os.path.join(FIXTURES, "tags")
+        with open(os.path.join(tags, "expected.tsv")) as table:
+            rows = [line.rstrip("\n").split("\t") for line in table if not line.startswith("#")]
+        for name, bare, _skipped, refusal in rows:
+            with self.subTest(name=name):
+                path = os.path.join(tags, name)
+                if refusal != "-":
+                    with self.assertRaises(kavo.Error) as raised:
+                        kavo.convert_bytes(read(path))
+                    self.assertIn(refusal, raised.exception.message)
+                    continue
+                expected = kavo.convert_bytes(read(os.path.join(tags, bare)))
+                self.assertEqual(kavo.convert_bytes(read(path)), expected)
+                out = os.path.join(self.tmp, "tagged.adpcm")
+                kavo.convert_file(path, out)
+                self.assertEqual(read(out), expected)
+
     def test_two_threads_at_once(self):
         # Each conversion waits in its first progress call until the other one has reached
         # its own: both must be inside the library together, or the barrier times out.

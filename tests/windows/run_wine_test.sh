@@ -13,7 +13,7 @@ fail() { echo "wine test: FAIL: $*"; exit 1; }
 
 command -v wine >/dev/null || fail "wine is not installed (bash tools/install-deps.sh installs it)"
 [ -x build/tests/c_host ] && [ -x build/kavo ] || fail "run make release first"
-[ -f build-windows/kavo.dll ] && [ -f build-windows/win_host.exe ] && [ -f build-windows/kavo.exe ] ||
+[ -f build-windows/kavo.dll ] && [ -f build-windows/win_host.exe ] && [ -f build-windows/kavo.exe ] && [ -f build-windows/report_v1.exe ] ||
   fail "run make windows first"
 
 work=$(mktemp -d)
@@ -64,6 +64,9 @@ for gain in 1.0 0.5; do
     echo "$label: $(stat -c %s "$work/windows/out.adpcm") bytes, $(grep -c '^progress' "$work/windows/seen.txt") progress calls"
   done
 done
+cp build-windows/kavo.dll build-windows/report_v1.exe tests/fixtures/speech_mono_22k.mp3 "$work/path/"
+(cd "$work/path" && timeout 300 wine report_v1.exe speech_mono_22k.mp3 | tr -d '\r') ||
+  { echo "report_v1.exe: the first version's records failed through kavo.dll"; status=1; }
 # The command. Both sides convert in directories of the same layout.
 fixtures="speech_mono_22k.mp3 speech_music_m1_44k_vbr.mp3 tone_m25_12k_stereo_crc.mp3 empty.mp3"
 for side in linux windows; do
