@@ -196,7 +196,7 @@ class Result:
     def __init__(self, adpcm, report):
         self.adpcm = adpcm
         for name, _ in _Report._fields_:
-            if name not in ("size", "padding_1"):
+            if name not in {"size", "padding_1"}:
                 setattr(self, name, getattr(report, name))
         self.input_kind = _KINDS.get(report.input_kind, "")
         self.format_changed = bool(report.format_changed)
