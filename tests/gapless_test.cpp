@@ -45,10 +45,11 @@ Decode convert(const std::string& mp3, bool gapless) {
 
 // lame's files: delay 576 and the decoder's 529 in front (behind the Info frame, 1152 samples
 // in MPEG-1, 576 in MPEG-2 and 2.5), padding - 529 at the end. A truncated file keeps its end;
-// a file whose frames are too small for the header has none. The variants: without the
-// extension only 529 go; with a wrong CRC the extension does not count (mpg123 takes it all
-// the same, so its output without the cut is the reference); mpg123 decodes the VBRI frame as
-// silence, in front of its delay of 1000; the cut covers the whole short file.
+// a file whose frames are too small for the header has none. The variants: delay 2222 and
+// padding 2100 (the 12-bit fields' top bits set); without the extension only 529 go; with
+// a wrong CRC the extension does not count (mpg123 takes it all the same, so its output without
+// the cut is the reference); mpg123 decodes the VBRI frame as silence, in front of its delay of
+// 1000; the cut covers the whole short file.
 struct Case {
     const char* file;
     long reference_front;  // frames left out in front of mpg123's output (then not cut)
@@ -61,6 +62,7 @@ struct Case {
                     {"tone_m25_11k_ms.mp3", 0, 576 + 1105},
                     {"tone_m1_48k_mono_cut.mp3", 0, 1152 + 1105},
                     {"speech_mono_22k.mp3", 0, 0},
+                    {"gapless_odd_m1_44k_mono.mp3", 0, 1152 + 2751},
                     {"gapless_noext_m1_44k_mono.mp3", 0, 1152 + 529},
                     {"gapless_badcrc_m1_44k_mono.mp3", 529, 1152 + 529},
                     {"gapless_vbri_m1_44k_mono.mp3", 1152 + 1529, 1152 + 1529},
