@@ -26,6 +26,7 @@
 #include "engine/output_target.h"
 #include "engine/stream_scan.h"
 #include "files.h"
+#include "input_file.h"
 #include "interrupt.h"
 #include "kavo/kavo.h"
 
@@ -63,122 +64,18 @@ std::string quoted(const std::string& path) {
     return path == "-" ? shown(path, true) : "'" + path + "'";
 }
 
+#ifdef _WIN32
 std::string lower(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return text;
 }
+#endif
 
 std::string format(const char* pattern, double a, double b = 0.0) {
     char text[64];
     std::snprintf(text, sizeof text, pattern, a, b);
     return text;
-}
-
-// The input of one conversion. A regular file is read as the engine goes (at its ends by the
-// container layer, then the stream in order), so memory does not grow with its length;
-// standard input, a named pipe or a device is read whole, since it cannot be read twice.
-class Input {
-  public:
-    Input() = default;
-    Input(const Input&) = delete;
-    Input& operator=(const Input&) = delete;
-    ~Input() {
-        if (file_.file != nullptr) std::fclose(file_.file);
-    }
-
-    // False with why, or with an empty why when an interrupt came while reading.
-    bool open(const std::string& path, std::string& why) {
-        if (path != "-") {
-            std::error_code error;
-            if (fs::is_directory(path, error)) {
-                why = std::strerror(EISDIR);
-                return false;
-            }
-            file_.file = std::fopen(path.c_str(), "rb");
-            if (file_.file == nullptr) {
-                why = std::strerror(errno);
-                return false;
-            }
-            path_ = path;
-            struct stat info = {};
-            if (fstat(fileno(file_.file), &info) == 0 && S_ISREG(info.st_mode)) {
-                if (file_.measure()) return true;
-                why = std::strerror(errno);
-                return false;
-            }
-            const bool ok = read_descriptor(fileno(file_.file), bytes_, why) &&
-                            still_whole(fileno(file_.file), path, bytes_.size(), why);
-            std::fclose(file_.file);
-            file_.file = nullptr;
-            if (!ok) return false;
-        } else if (!read_whole(path, bytes_, why)) {
-            return false;
-        }
-        memory_ = kavolib::MemoryInput{bytes_.data(), bytes_.size(), 0};
-        return true;
-    }
-
-    // False, with why, when a file read as the engine went was removed, replaced or changed
-    // in size meanwhile: what was converted may then be a mixture.
-    bool unchanged(std::string& why) const {
-        return file_.file == nullptr || still_whole(fileno(file_.file), path_, file_.size, why);
-    }
-
-    bool starts_with(const char* magic, size_t offset = 0) {
-        const size_t n = std::strlen(magic);
-        uint8_t head[16];
-        return n <= sizeof head && reader().get(offset, head, n) && std::memcmp(head, magic, n) == 0;
-    }
-
-    kavolib::ByteReader reader() {
-        return file_.file != nullptr ? file_.reader() : memory_.reader();
-    }
-
-    kavolib::EngineInput engine_input() {
-        return {reader(), file_.file != nullptr ? kavolib::FileInput::failed : memory_failed};
-    }
-
-    // The frame headers of the stream range.
-    kavolib::StreamScan scan(const kavolib::InputLayout& layout) {
-        kavolib::ByteReader whole = reader();
-        Range range{&whole, layout.begin, layout.end};
-        kavolib::ByteSource source{Range::read, &range};
-        return kavolib::scan_stream(source);
-    }
-
-  private:
-    struct Range {
-        const kavolib::ByteReader* in;
-        uint64_t position;
-        uint64_t end;
-        static size_t read(void* context, uint8_t* dst, size_t n) {
-            auto* r = static_cast<Range*>(context);
-            const size_t want = static_cast<size_t>(std::min<uint64_t>(n, r->end - r->position));
-            const size_t got = want == 0 ? 0 : r->in->read_at(r->in->context, r->position, dst, want);
-            r->position += got;
-            return got;
-        }
-    };
-    static bool memory_failed(void*) { return false; }
-
-    kavolib::FileInput file_;
-    std::string path_;
-    std::vector<uint8_t> bytes_;
-    kavolib::MemoryInput memory_{nullptr, 0, 0};
-};
-
-// Containers that are certainly not MP3 streams, whatever sync patterns their data holds.
-bool other_container(Input& input) {
-    static const struct {
-        size_t offset;
-        const char* magic;
-    } kMagic[] = {{0, "fLaC"}, {0, "OggS"},  {0, "FORM"}, {0, "RIFF"}, {0, "\x1a\x45\xdf\xa3"},
-                  {4, "ftyp"}, {0, "#!AMR"}, {0, ".snd"}, {0, "MThd"}};
-    for (const auto& m : kMagic) {
-        if (input.starts_with(m.magic, m.offset)) return true;
-    }
-    return false;
 }
 
 const char* channel_words(int channels) {
@@ -261,7 +158,6 @@ std::vector<std::string> report_lines(const std::string& name, const kavo_report
                        std::to_string(r.sample_rate) + " Hz " + channel_words(r.channels) +
                        format(" (%.2f s)", r.input_seconds);
     if (r.input_kind == KAVO_INPUT_MP3) read += " from " + grouped(r.mp3_frames) + " MP3 frames";
-    read += ", " + grouped(r.skipped_bytes) + " bytes of tags skipped";
     if (r.format_changed != 0) read += "; the stream changed rate or channels on the way";
     if (gapless) {
         read += r.gapless_applied != 0 ? "; the encoder's delay and padding left out"
@@ -271,16 +167,34 @@ std::vector<std::string> report_lines(const std::string& name, const kavo_report
                         std::to_string(r.highest) + " before the gain; the largest gain that "
                         "wraps none is " + safe_gain_text(r.max_gain) +
                         format("; %.2f s written", r.output_seconds);
-    return {read, level};
+    std::vector<std::string> lines{read, level};
+    if (r.speech != 0) {
+        lines.push_back(name + format(": speech level %.1f dBov before the gain, active %.0f %%",
+                                      r.level, r.activity * 100.0));
+    } else {
+        lines.push_back(name + ": no speech level (nothing active)");
+    }
+    return lines;
 }
 
-// An input the engine found no Layer III frame in: an MP3 without audio, or no MP3 at all.
-std::string no_frames_text(const std::string& name, const kavolib::InputLayout& layout,
-                           const kavolib::StreamScan& scan) {
-    const bool named_mp3 = lower(fs::path(name).extension().string()) == ".mp3";
-    const bool tagged = !layout.skipped.empty();
-    if (scan.frame_count > 0 || named_mp3 || tagged) return "no MPEG audio Layer III frames found";
-    return "not an MP3 or WAV file";
+// What a target chose, when it could not do what was asked: the input is silent, no speech
+// was found, or the gain asked for wraps samples. Empty when the target was reached.
+std::string target_line(const std::string& name, const ConvertOptions& options,
+                        const kavo_report& r) {
+    const bool silent = r.highest == 0 && r.lowest == 0;
+    if (options.target == KAVO_TARGET_LEVEL) {
+        if (r.speech == 0) return name + ": no speech found to measure a level on; gain 1.0";
+        if (r.gain_capped == 0) return {};
+        const double asked = std::pow(10.0, (options.target_db - r.level) / 20.0);
+        return name + format(": %.1f dBov needs gain %.3g, which wraps samples; ",
+                             options.target_db, asked) +
+               "the largest gain that wraps none, " + gain_text(static_cast<float>(r.gain)) +
+               format(", reaches %.1f dBov", r.level_reached);
+    }
+    if (silent) return name + ": silent: no peak to bring up; gain 1.0";
+    if (r.gain_capped == 0) return {};
+    return name + ": the gain asked for wraps samples; the largest gain that wraps none, " +
+           gain_text(static_cast<float>(r.gain)) + ", is used";
 }
 
 // What the engine's callbacks reach: the output, the console, and why writing failed.
@@ -314,15 +228,14 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
         }
         if (options.no_clobber && kavolib::output_exists(job.output)) return {Result::skipped, {}};
     }
-    Input input;
+    InputFile input;
     std::string why;
     if (!input.open(job.input, why)) {
         return interrupted() ? Outcome{Result::interrupted, {}} : failure(why);
     }
     const kavolib::InputLayout layout = kavolib::find_layout(input.reader());
-    if (layout.kind == kavolib::InputKind::refused) return failure(layout.refusal);
     const bool is_wav = layout.kind == kavolib::InputKind::wav;
-    if (layout.wav_format_tag == 0 && other_container(input)) return failure("not an MP3 or WAV file");
+    if (!accepted(input, layout, why)) return failure(why);
     if (options.verbose) {
         console.info(shown(job.input, false) + ": " +
                      (is_wav ? describe_wav(layout.wav)
@@ -340,6 +253,8 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
     kavo_report report = KAVO_REPORT_INIT;
     kavolib::EngineInput engine_input = input.engine_input();
     kavo_settings settings = kavolib::settings_with_gain(options.gain);
+    settings.target = options.target;
+    settings.target_db = options.target_db;
     settings.gapless = options.gapless ? 1 : 0;
     const int status = kavolib::run_engine(engine_input, settings, write_output, show_progress,
                                            &context, &report, message, sizeof message);
@@ -348,12 +263,7 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
     if (!context.write_error.empty())
         return failure("cannot write " + out + ": " + context.write_error);
     if (status != KAVO_OK) {
-        if (status == KAVO_ERROR_FORMAT && !is_wav) {
-            const kavolib::StreamScan scan = input.scan(layout);
-            if (scan.layer3_frames == 0 && !scan.has_layer12)
-                return failure(no_frames_text(job.input, layout, scan));
-        }
-        return failure(message[0] != '\0' ? message : kavo_status_text(status));
+        return failure(failure_text(job.input, input, layout, status, message));
     }
     bool exists = false;
     if (!output.commit(!options.no_clobber, exists, why)) {
@@ -375,9 +285,16 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
                         (options.gain < 0 ? "negative gain of largest magnitude" : "largest gain") +
                         " that wraps none is " + safe + ")");
     }
+    std::string chosen;
+    if (options.target != KAVO_TARGET_NONE) {
+        const std::string warning = target_line(name, options, report);
+        if (!warning.empty()) console.warning(warning);
+        chosen = ", gain " + gain_text(static_cast<float>(report.gain));
+        if (report.speech != 0) chosen += format(", speech level %.1f dBov", report.level_reached);
+    }
     // 4000 bytes of codes per second of 8000 Hz audio.
     console.info("wrote " + out + ": " + std::to_string(context.bytes) + " bytes, " +
-                 format("%.2f s", static_cast<double>(context.bytes) / 4000.0));
+                 format("%.2f s", static_cast<double>(context.bytes) / 4000.0) + chosen);
     return {Result::converted, {}};
 }
 

@@ -71,6 +71,13 @@ TEST(Cli, UsageErrorsExitWithTwoAndTouchNothing) {
         {{"convert", "a.mp3", "out.adpcm", "--gain", "loud"}, "kavo: --gain loud: not a number\n"},
         {{"convert", "a.mp3", "out.adpcm", "--gain", "nan"}, "kavo: --gain nan: not a finite number\n"},
         {{"convert", "a.mp3", "-o", "out", "-j", "abc"}, "kavo: -j abc: not a number\n"},
+        {{"convert", "a.mp3", "out.adpcm", "--gain", "max", "--level", "-26"},
+         "kavo: --gain, --peak and --level exclude each other\n"},
+        {{"convert", "a.mp3", "out.adpcm", "--peak", "-1", "--level", "-26"},
+         "kavo: --gain, --peak and --level exclude each other\n"},
+        {{"convert", "a.mp3", "out.adpcm", "--peak", "0.5"},
+         "kavo: --peak 0.5: a peak is at most 0 dB (full scale)\n"},
+        {{"convert", "a.mp3", "out.adpcm", "--level", "loud"}, "kavo: --level loud: not a number\n"},
         {{"convert", "a.mp3", "-o", "out", "-j", "0"}, "kavo: -j 0: from 1 to 1024"},
         {{"convert", "-q", "-v", "a.mp3", "out.adpcm"}, "kavo: --quiet excludes --verbose"},
         {{"convert", "a.mp3", "sub/a.mp3"}, "kavo: 'sub/a.mp3' is an MP3 file, not an ADPCM output"},
@@ -105,9 +112,10 @@ TEST(CliConvert, OneFileTalksLikeACommandLineTool) {
         {{"-q", "in.mp3", "out.adpcm"}, ""},
         {{"-v", "in.mp3", "out.adpcm"},
          "in.mp3: MPEG-2 Layer III, 22050 Hz, mono, 32 kbit/s, 147 frames, 3.84 s\n"
-         "in.mp3: read 84,672 sample frames at 22050 Hz mono (3.84 s) from 147 MP3 frames, 0 "
-         "bytes of tags skipped\nin.mp3: 8000 Hz samples from -27545 to 27266 before the gain; "
-         "the largest gain that wraps none is 1.18; 3.84 s written\n" + wrote},
+         "in.mp3: read 84,672 sample frames at 22050 Hz mono (3.84 s) from 147 MP3 frames\n"
+         "in.mp3: 8000 Hz samples from -27545 to 27266 before the gain; the largest gain that "
+         "wraps none is 1.18; 3.84 s written\nin.mp3: speech level -21.2 dBov before the gain, "
+         "active 86 %\n" + wrote},
         {{"in.mp3", "old.adpcm"}, "wrote 'old.adpcm': 15360 bytes, 3.84 s\n"},
         {{"-q", "in.mp2", "old.adpcm"},
          "kavo: in.mp2: a Layer II frame at byte 0: only MPEG audio Layer III is converted\n"},
@@ -151,9 +159,10 @@ TEST(CliConvert, OneFileTalksLikeACommandLineTool) {
     EXPECT_EQ(run_kavo({"convert", "-v", "mixed.mp3", "out.adpcm"}, dir.path()).err,
               "mixed.mp3: MPEG-1 Layer III, 44100 Hz, mono, 64 kbit/s, 24 frames, 0.58 s; decoded "
               "as 48000 Hz mono\nmixed.mp3: read 27,648 sample frames at 48000 Hz mono (0.58 s) "
-              "from 24 MP3 frames, 0 bytes of tags skipped; the stream changed rate or channels on "
-              "the way\nmixed.mp3: 8000 Hz samples from -21549 to 22177 before the gain; the "
-              "largest gain that wraps none is 1.47; 0.56 s written\nwrote 'out.adpcm': 2240 "
+              "from 24 MP3 frames; the stream changed rate or channels on the way\nmixed.mp3: "
+              "8000 Hz samples from -21549 to 22177 before the gain; the largest gain that wraps "
+              "none is 1.47; 0.56 s written\nmixed.mp3: speech level -9.8 dBov before the gain, "
+              "active 90 %\nwrote 'out.adpcm': 2240 "
               "bytes, 0.56 s\n");
 }
 
@@ -204,6 +213,45 @@ TEST(CliConvert, SaysWhenAndOnlyWhenTheGainWraps) {
         EXPECT_EQ(run.err, c.err) << c.args[0];
         EXPECT_EQ(run.err.find("wrapped") != std::string::npos, report.wrapped > 0 && c.args.size() == 1);
         EXPECT_EQ(read_file(dir.file("out.adpcm")), adpcm) << c.args[0];
+    }
+}
+
+// --level, --peak and --gain max: each output is kavo()'s at the gain the line names (the gain
+// is printed so that it reads back as the same float), and the line says what was reached, or
+// why the gain stayed at 1.0, or that the target was out of reach without wrapping.
+TEST(CliConvert, TargetsNameTheGainAndTheLevelReached) {
+    const struct {
+        const char* fixture;
+        Names options;
+        std::string err;  // before the file's "wrote" line, then that line's tail
+    } cases[] = {
+        {"speech_mono_22k.mp3", {"--level", "-26"}, ", gain 0.5770771, speech level -26.0 dBov"},
+        {"speech_mono_22k.mp3", {"--level", "-3"},
+         "kavo: in.mp3: -3.0 dBov needs gain 8.15, which wraps samples; the largest gain that "
+         "wraps none, 1.1896533, reaches -19.7 dBov\n, gain 1.1896533, speech level -19.7 dBov"},
+        {"speech_mono_22k.mp3", {"--gain", "max"}, ", gain 1.1896533, speech level -19.7 dBov"},
+        {"tone_m1_44k_stereo.mp3", {"--peak", "-1"}, ", gain 1.4293779, speech level -9.1 dBov"},
+        {"silence_m25_8k_mono.mp3", {"--level", "-26"},
+         "kavo: in.mp3: no speech found to measure a level on; gain 1.0\n, gain 1.0"},
+        {"silence_m25_8k_mono.mp3", {"--gain", "max"},
+         "kavo: in.mp3: silent: no peak to bring up; gain 1.0\n, gain 1.0"},
+    };
+    for (const auto& c : cases) {
+        TempDir dir;
+        write_file(dir.file("in.mp3"), fixture(c.fixture));
+        Names args = {"convert", "in.mp3", "out.adpcm"};
+        args.insert(args.end(), c.options.begin(), c.options.end());
+        const auto run = run_kavo(args, dir.path());
+        const std::string label = std::string(c.fixture) + " " + c.options[0] + " " + c.options[1];
+        EXPECT_EQ(run.exit_code, 0) << label;
+        const size_t gain_at = run.err.rfind(", gain ");
+        ASSERT_NE(gain_at, std::string::npos) << run.err;
+        const std::string gain = run.err.substr(gain_at + 7, run.err.find_first_of(",\n", gain_at + 7) - gain_at - 7);
+        const size_t wrote_at = run.err.find("wrote 'out.adpcm': ");
+        ASSERT_NE(wrote_at, std::string::npos) << run.err;
+        EXPECT_EQ(run.err.substr(0, wrote_at) + run.err.substr(run.err.find(", gain ", wrote_at)),
+                  c.err + "\n") << label;
+        EXPECT_EQ(read_file(dir.file("out.adpcm")), library_output(fixture(c.fixture), gain)) << label;
     }
 }
 

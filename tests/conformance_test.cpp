@@ -41,11 +41,17 @@ struct ConformanceCase {
     const char* why;
 };
 
-// The decode phase (kavo decode to raw PCM) of the bitstream at path.
+// The decode phase (kavo decode to raw PCM) of the bitstream at path; a stream in which no
+// Layer III frame is found is refused, and gives no values.
 std::vector<int16_t> decoded(const std::string& path) {
     TempDir dir;
     const auto run = kavotest::run_kavo({"decode", path, dir.file("out.pcm")});
-    EXPECT_EQ(run.exit_code, 0) << run.err;
+    if (run.exit_code != 0) {
+        const bool no_frames = run.err.find("no MPEG audio Layer III frames found") != std::string::npos ||
+                               run.err.find("not an MP3 or WAV file") != std::string::npos;
+        EXPECT_TRUE(no_frames && run.exit_code == 1) << run.err;
+        return {};
+    }
     return kavotest::s16(kavotest::read_file(dir.file("out.pcm")));
 }
 
@@ -164,9 +170,9 @@ INSTANTIATE_TEST_SUITE_P(
         ConformanceCase{"id3v1", "nonstandard/l3-nonstandard-id3v1", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
         ConformanceCase{"apetag", "nonstandard/l3-nonstandard-apetag", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
         ConformanceCase{"id3v1_apetag", "nonstandard/l3-nonstandard-id3v1-apetag", Check::within_one_lsb, 0, 0, 0, {}, -1, ""},
-        // The one frame follows the tag, so it would need a second frame to confirm sync.
-        ConformanceCase{"id3v2", "nonstandard/l3-nonstandard-id3v2", Check::decodes, 0, 0, 0, {}, 0,
-                        "a frame after skipped bytes is not delivered"},
+        // The tag is skipped, so the one frame after it is the first delivered.
+        ConformanceCase{"id3v2", "nonstandard/l3-nonstandard-id3v2", Check::decodes, 0, 0, 0, {}, 1152,
+                        "the tag is not searched for frames"},
         // The reference covers only the 44.1 kHz part; ours goes on into the 48 kHz part.
         ConformanceCase{"he_44_48khz", "nonstandard/l3-nonstandard-he_44_48khz", Check::within_one_lsb, 0, 0, 0, {}, 645120, ""},
         // A frame holding an Info tag is decoded like any frame: its empty granules are silence,

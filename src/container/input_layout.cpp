@@ -137,7 +137,7 @@ void take_riff(const ByteReader& in, const RiffFile& riff, InputLayout& layout) 
                                       encoding == WavEncoding::alaw
                                   ? 1
                                   : bits / 8;
-    layout.wav.frames = size / (static_cast<uint64_t>(layout.wav.sample_bytes) * channels);
+    layout.wav.frames = size / (static_cast<uint64_t>(layout.wav.sample_bytes) * static_cast<uint64_t>(channels));
 }
 
 std::string with_commas(uint64_t n) {

@@ -22,7 +22,9 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string>
 #include <system_error>
+#include <vector>
 
 // libstdc++ built for the Windows thread model without gthreads (mingw-w64's win32 flavour
 // before GCC 13) has no std::thread: there the decode stays on the caller's thread.
@@ -36,6 +38,7 @@
 #endif
 
 #include "adpcm/adpcm_core.h"
+#include "engine/speech_level.h"
 #include "engine/stream_scan.h"
 #include "frame/codec.h"
 #include "frame/frame_sync.h"
@@ -140,6 +143,9 @@ public:
         pcm_samples16(pcm_[0], out, kGranuleSamples);
         return kGranuleSamples;
     }
+
+    // The granule's samples as decoded, before rounding: channel ch at samples(ch).
+    const double* samples(int ch) const { return pcm_[ch]; }
 
 private:
     ByteSource& source_;
@@ -348,7 +354,8 @@ class Conversion {
 public:
     Conversion(EngineInput& input, const kavo_settings& settings, kavo_write_fn write,
                kavo_progress_fn progress, void* user, kavo_report& report, DecodedTap decoded)
-        : input_(input), gain_(settings.gain), gapless_(settings.gapless != 0), write_(write),
+        : input_(input), gain_(settings.gain), target_(settings.target),
+          target_db_(settings.target_db), gapless_(settings.gapless != 0), write_(write),
           progress_(progress), user_(user), report_(report), decoded_(decoded) {}
 
     int run(char* message, size_t message_size, InputLayout* described);
@@ -366,6 +373,8 @@ private:
     bool flush_output();
     void report(int percent);
     void note_levels(const int16_t* samples);
+    bool code_frame(int16_t* samples);
+    bool code_held();
     void finish_report();
 
     static size_t read_mono_io(void* context, int16_t* dst, size_t n) {
@@ -377,6 +386,8 @@ private:
 
     EngineInput& input_;
     float gain_;
+    int32_t target_;  // KAVO_TARGET_*: the gain is chosen once every sample is known
+    float target_db_;
     bool gapless_;
     kavo_write_fn write_;
     kavo_progress_fn progress_;
@@ -420,6 +431,11 @@ private:
     int16_t lowest_ = INT16_MAX;
     int64_t wrapped_ = 0;
     int64_t frames_coded_ = 0;
+    SpeechLevel speech_;
+    GainChoice choice_;  // what a target chose
+
+    // With a target: every whole frame of 8000 Hz samples, held until the gain is chosen.
+    std::vector<int16_t> held_;
 
     // Declared last, so that it is destroyed first: the decode thread ends before anything
     // it uses goes.
@@ -571,6 +587,46 @@ void Conversion::finish_report() {
     r.max_gain_low = largest_gain_without_wrap(std::min(0, r.lowest));
     r.max_gain = std::min(r.max_gain_high, r.max_gain_low);
     r.wrapped = wrapped_;
+    r.gain = gain_;
+    r.gain_capped = choice_.capped ? 1 : 0;
+    const SpeechLevel::Result speech = speech_.result();
+    if (speech.active) {
+        r.speech = 1;
+        r.level = speech.level;
+        r.activity = speech.activity;
+        r.level_reached = level_with_gain(speech.level, gain_);
+    }
+}
+
+// Codes one whole frame (the gain changes it in place) into the output, handed on when full.
+bool Conversion::code_frame(int16_t* samples) {
+    note_levels(samples);
+    adpcm_encode_frame(adpcm_, samples, gain_, output_ + output_fill_);
+    ++frames_coded_;
+    output_fill_ += kAdpcmFrameBytes;
+    return output_fill_ < sizeof output_ || flush_output();
+}
+
+// With a target, once the resampler is done: the gain chosen from all the samples, then the
+// samples coded with it.
+bool Conversion::code_held() {
+    int16_t highest = 0;
+    int16_t lowest = 0;
+    if (!held_.empty()) {
+        const auto [low, high] = std::minmax_element(held_.begin(), held_.end());
+        highest = *high;
+        lowest = *low;
+    }
+    switch (target_) {
+    case KAVO_TARGET_PEAK: choice_ = peak_gain(target_db_, highest, lowest); break;
+    case KAVO_TARGET_LEVEL: choice_ = level_gain(target_db_, speech_.result(), highest, lowest); break;
+    default: choice_ = max_gain(highest, lowest); break;
+    }
+    gain_ = choice_.gain;
+    for (size_t at = 0; at < held_.size(); at += kAdpcmFrameSamples) {
+        if (!code_frame(held_.data() + at)) return false;
+    }
+    return true;
 }
 
 // The resampler's output: whole 160-sample frames are coded; a partial frame at the end is not.
@@ -581,12 +637,13 @@ int Conversion::take_output(const int16_t* samples, size_t n) {
         frame_fill_ += static_cast<int>(count);
         i += count;
         if (frame_fill_ < kAdpcmFrameSamples) break;
-        note_levels(frame_);
-        adpcm_encode_frame(adpcm_, frame_, gain_, output_ + output_fill_);
-        ++frames_coded_;
         frame_fill_ = 0;
-        output_fill_ += kAdpcmFrameBytes;
-        if (output_fill_ == sizeof output_ && !flush_output()) return 1;
+        speech_.add(frame_, kAdpcmFrameSamples);
+        if (target_ != KAVO_TARGET_NONE) {
+            held_.insert(held_.end(), frame_, frame_ + kAdpcmFrameSamples);
+        } else if (!code_frame(frame_)) {
+            return 1;
+        }
     }
     return 0;
 }
@@ -697,6 +754,9 @@ int Conversion::convert(double factor, int64_t n_frames) {
     mono_total_ = n_frames;
     adpcm_init(adpcm_);
     report(0);
+    if (target_ != KAVO_TARGET_NONE) {
+        held_.reserve(static_cast<size_t>(m_frames) / kAdpcmFrameSamples * kAdpcmFrameSamples);
+    }
 
     const FilterSet filter = largeFilter();
     ResampleIo io{read_mono_io, write_io, nullptr, this, nullptr};
@@ -707,6 +767,10 @@ int Conversion::convert(double factor, int64_t n_frames) {
     // conversion (as the decode on demand would be), stopped at once after a failure.
     if (written >= 0 && written != kResampleStopped && !stopped_) feed_.drain();
     feed_.stop();
+    if (target_ != KAVO_TARGET_NONE && written >= 0 && !stopped_ &&
+        !input_.failed(input_.reader.context) && !code_held()) {
+        stopped_ = true;
+    }
     finish_report();
     if (written == kResampleStopped || stopped_) return fail(KAVO_ERROR_STOPPED, "the write function asked to stop");
     if (written < 0) return fail(KAVO_ERROR_FORMAT, "resampling failed: %s", io.failure != nullptr ? io.failure : "");
@@ -719,6 +783,100 @@ int Conversion::convert(double factor, int64_t n_frames) {
 }
 
 }  // namespace
+
+// The decode alone, as the decode phase writes its file: each granule rounded to 16 bits with
+// its own frame's channel count (raw, or behind the 44-byte header that the scan can fill in at
+// once), or as 24-bit hexadecimal text, one line per sample.
+int run_decode(EngineInput& input, OutputForm form, kavo_write_fn write, void* user,
+               char* message, size_t message_size, InputLayout* described, bool gapless) {
+    auto fail = [&](int status, const std::string& text) {
+        if (message != nullptr && message_size > 0) std::snprintf(message, message_size, "%s", text.c_str());
+        return status;
+    };
+    try {
+        const InputLayout layout = find_layout(input.reader);
+        if (described != nullptr) *described = layout;
+        if (input.failed(input.reader.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
+        if (layout.kind == InputKind::refused) return fail(KAVO_ERROR_FORMAT, layout.refusal);
+        if (layout.kind == InputKind::wav) {
+            return fail(KAVO_ERROR_FORMAT, "a WAV file of " +
+                                               std::string(wav_encoding_name(layout.wav.encoding)) +
+                                               " samples: only MPEG audio is decoded");
+        }
+        RangeSource range{&input.reader, layout.begin, layout.end, layout.begin};
+        ByteSource source = range.source();
+        const StreamScan scan = scan_stream(source);
+        if (input.failed(input.reader.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
+        if (scan.has_layer12) {
+            char text[128];
+            std::snprintf(text, sizeof text,
+                          "a Layer %s frame at byte %lld: only MPEG audio Layer III is converted",
+                          scan.layer12_layer == 1 ? "I" : "II",
+                          static_cast<long long>(scan.layer12_offset + static_cast<int64_t>(layout.begin)));
+            return fail(KAVO_ERROR_FORMAT, text);
+        }
+        if (scan.layer3_frames == 0) return fail(KAVO_ERROR_FORMAT, "no MPEG audio Layer III frame in the input");
+
+        std::vector<uint8_t> out;
+        out.reserve(1 << 16);
+        bool stopped = false;
+        auto flush = [&]() {
+            if (!stopped && !out.empty() && write(user, out.data(), out.size()) != 0) stopped = true;
+            out.clear();
+            return !stopped;
+        };
+        // The values written: all of them, or those the gapless cut keeps (frames of the last
+        // frame's channel count, counted behind the header frame, which is not decoded).
+        const GaplessPlan plan = gapless ? plan_gapless(scan) : GaplessPlan{};
+        const int64_t first = plan.applies ? plan.skip_frames * scan.last_channels : 0;
+        const int64_t end = plan.applies ? first + plan.keep_frames * scan.last_channels : INT64_MAX;
+        int64_t index = 0;  // of the next value decoded
+        if (form == OutputForm::wav) {
+            uint8_t header[kWavHeaderSize];
+            // The file's length as the header holds it: 32 bits, as a file stream would tell it.
+            const int64_t values = plan.applies ? end - first : scan.pcm_values;
+            const auto length = static_cast<uint32_t>(kWavHeaderSize + 2 * values);
+            make_wav_header(header, length, scan.last_channels, scan.last_rate);
+            out.insert(out.end(), header, header + kWavHeaderSize);
+        }
+        range.position = range.begin;
+        auto decoder = std::make_unique<Decoder>(source);
+        decoder->reset(plan.applies);
+        int16_t values[kGranuleValues];
+        for (int count; index < end && (count = decoder->next(values)) != 0; index += count) {
+            const auto kept = [&](int value) { return index + value >= first && index + value < end; };
+            if (form == OutputForm::text) {
+                const int channels = count / kGranuleSamples;
+                char line[16];
+                for (int i = 0; i < kGranuleSamples; ++i) {
+                    for (int ch = 0; ch < channels; ++ch) {
+                        if (!kept(i * channels + ch)) continue;
+                        // The text stream of the decode phase ends its lines the platform's way.
+#if defined(_WIN32)
+                        const int n = std::snprintf(line, sizeof line, "%06x\r\n", pcm_sample24(decoder->samples(ch)[i]));
+#else
+                        const int n = std::snprintf(line, sizeof line, "%06x\n", pcm_sample24(decoder->samples(ch)[i]));
+#endif
+                        out.insert(out.end(), line, line + n);
+                    }
+                }
+            } else {
+                for (int i = 0; i < count; ++i) {
+                    if (!kept(i)) continue;
+                    const auto v = static_cast<uint16_t>(values[i]);
+                    out.push_back(static_cast<uint8_t>(v & 0xFFu));
+                    out.push_back(static_cast<uint8_t>(v >> 8));
+                }
+            }
+            if (out.size() >= (1u << 16) && !flush()) break;
+        }
+        if (!flush()) return fail(KAVO_ERROR_STOPPED, "the write function asked to stop");
+        if (input.failed(input.reader.context)) return fail(KAVO_ERROR_READ, "the input cannot be read");
+        return fail(KAVO_OK, "");
+    } catch (const std::bad_alloc&) {
+        return fail(KAVO_ERROR_MEMORY, "out of memory");
+    }
+}
 
 double largest_negative_gain(const kavo_report& report) {
     return -std::min(largest_gain_without_wrap(-std::max(0, report.highest)),

@@ -70,6 +70,37 @@ class KavoModule(unittest.TestCase):
         self.assertFalse(kavo.convert(plain, gapless=True).gapless_applied)
         self.assertEqual(kavo.convert(plain, gapless=True).adpcm, kavo.convert(plain).adpcm)
 
+    def test_targets_match_the_command(self):
+        # Each target gives the command's bytes and gain; the level reached is the target's
+        # unless it is out of reach, where the gain is the largest that wraps nothing.
+        for name, option, value, keyword in [
+                ("speech_mono_22k.mp3", "--level", "-26", {"level": -26}),
+                ("speech_music_m1_44k_vbr.mp3", "--level", "-3", {"level": -3}),
+                ("tone_m1_44k_stereo.mp3", "--peak", "-1", {"peak": -1}),
+                ("speech_mono_22k.mp3", "--gain", "max", {"gain": "max"}),
+                ("silence_m25_8k_mono.mp3", "--level", "-26", {"level": -26})]:
+            with self.subTest(name=name, option=option):
+                out = os.path.join(self.tmp, "command.adpcm")
+                subprocess.run([os.environ["KAVO_CLI"], "convert", os.path.join(FIXTURES, name),
+                                out, option, value], check=True, capture_output=True)
+                result = kavo.convert(os.path.join(FIXTURES, name), **keyword)
+                self.assertEqual(result.adpcm, read(out))
+                self.assertEqual(result.wrapped, 0)
+                if result.level is None:
+                    self.assertEqual(result.gain, 1.0)
+                elif option == "--level" and not result.gain_capped:
+                    self.assertAlmostEqual(result.level_reached, float(value), places=5)
+                elif option == "--peak":
+                    self.assertAlmostEqual(int(result.peak * result.gain),
+                                           10 ** (float(value) / 20) * 32767, delta=1)
+                else:
+                    self.assertEqual(result.gain, result.max_gain)
+        with self.assertRaises(ValueError):
+            kavo.convert(b"", gain=2.0, level=-26)
+        with self.assertRaises(kavo.Error) as raised:
+            kavo.convert(os.path.join(FIXTURES, "speech_mono_22k.mp3"), peak=1)
+        self.assertEqual(raised.exception.status, kavo.ERROR_ARGUMENT)
+
     def test_layer2_input_raises_and_keeps_the_existing_output(self):
         layer2 = os.path.join(FIXTURES, "layer2_m1_44k_stereo.mp2")
         out = os.path.join(self.tmp, "out.adpcm")
@@ -102,6 +133,25 @@ class KavoModule(unittest.TestCase):
                 out = os.path.join(self.tmp, "tagged.adpcm")
                 kavo.convert_file(path, out)
                 self.assertEqual(read(out), expected)
+
+    def test_wav_prompts_through_the_same_calls(self):
+        # Made by sox: A-law, 24-bit and 16-bit; each gives the command's bytes, and the first
+        # two those of the 16-bit WAV sox makes from them.
+        for options in (["-e", "a-law"], ["-b", "24"], ["-b", "16"]):
+            with self.subTest(options=options):
+                enc = os.path.join(self.tmp, "enc.wav")
+                lin = os.path.join(self.tmp, "lin.wav")
+                subprocess.run(["sox", "-R", "-D", "-n", "-r", "22050", "-c", "2"] + options +
+                               [enc, "synth", "0.5", "sine", "300-3000", "gain", "-2"], check=True)
+                subprocess.run(["sox", "-D", enc, "-e", "signed-integer", "-b", "16", lin],
+                               check=True)
+                out = os.path.join(self.tmp, "command.adpcm")
+                subprocess.run([os.environ["KAVO_CLI"], "convert", "-q", enc, out], check=True)
+                expected = read(out)
+                self.assertEqual(kavo.convert_bytes(read(enc)), expected)
+                self.assertEqual(kavo.convert_bytes(read(lin)), expected)
+                kavo.convert_file(enc, os.path.join(self.tmp, "module.adpcm"))
+                self.assertEqual(read(os.path.join(self.tmp, "module.adpcm")), expected)
 
     def test_two_threads_at_once(self):
         # Each conversion waits in its first progress call until the other one has reached
