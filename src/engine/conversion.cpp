@@ -353,10 +353,10 @@ bool want_decode_thread() {
 class Conversion {
 public:
     Conversion(EngineInput& input, const kavo_settings& settings, kavo_write_fn write,
-               kavo_progress_fn progress, void* user, kavo_report& report, DecodedTap decoded)
+               kavo_progress_fn progress, void* user, kavo_report& report)
         : input_(input), gain_(settings.gain), target_(settings.target),
           target_db_(settings.target_db), gapless_(settings.gapless != 0), write_(write),
-          progress_(progress), user_(user), report_(report), decoded_(decoded) {}
+          progress_(progress), user_(user), report_(report) {}
 
     int run(char* message, size_t message_size, InputLayout* described);
 
@@ -393,7 +393,6 @@ private:
     kavo_progress_fn progress_;
     void* user_;
     kavo_report& report_;
-    DecodedTap decoded_;
     char* message_ = nullptr;
     size_t message_size_ = 0;
 
@@ -509,7 +508,6 @@ size_t Conversion::read_mono(int16_t* dst, size_t n) {
              static_cast<int64_t>(n - produced)}));
         const int16_t* in = values_ + value_position_;
         int16_t* out = dst + produced;
-        if (decoded_ != nullptr) decoded_(user_, in, static_cast<size_t>(count * channels_));
         if (channels_ == 2) {
             for (int f = 0; f < count; ++f) out[f] = mix_pair(in[2 * f], in[2 * f + 1]);
         } else {
@@ -885,7 +883,7 @@ double largest_negative_gain(const kavo_report& report) {
 
 int run_engine(EngineInput& input, const kavo_settings& settings, kavo_write_fn write,
                kavo_progress_fn progress, void* user, kavo_report* report, char* message,
-               size_t message_size, InputLayout* described, DecodedTap decoded) {
+               size_t message_size, InputLayout* described) {
     kavo_report unused{};
     kavo_report& out = report != nullptr ? *report : unused;
     out = kavo_report{};
@@ -893,7 +891,7 @@ int run_engine(EngineInput& input, const kavo_settings& settings, kavo_write_fn 
     out.gain = settings.gain;
     try {
         auto conversion =
-            std::make_unique<Conversion>(input, settings, write, progress, user, out, decoded);
+            std::make_unique<Conversion>(input, settings, write, progress, user, out);
         return conversion->run(message, message_size, described);
     } catch (const std::bad_alloc&) {
         if (message != nullptr && message_size > 0) {

@@ -8,7 +8,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 
 #include "container/byte_reader.h"
 #include "container/input_layout.h"
@@ -31,13 +30,9 @@ struct EngineInput {
 // not 0). report, when not null, is a whole record of the library's own size and receives what
 // the conversion found. Everything runs on the caller's thread. described, when not null,
 // receives what the input was found to be (also on failure, once the input was looked at).
-// decoded, when not null, receives the decoded 16-bit values the mix reads, after the gapless
-// cut: frames of the last frame's channel count, interleaved.
-using DecodedTap = void (*)(void* user, const int16_t* values, size_t count);
 int run_engine(EngineInput& input, const kavo_settings& settings, kavo_write_fn write,
                kavo_progress_fn progress, void* user, kavo_report* report, char* message,
-               size_t message_size, InputLayout* described = nullptr,
-               DecodedTap decoded = nullptr);
+               size_t message_size, InputLayout* described = nullptr);
 
 // Decodes the MPEG audio of input into 16-bit PCM exactly as the decode phase writes its file
 // in the given form (raw, WAV or text), handed to write in blocks. Inputs are refused as the
