@@ -153,12 +153,16 @@ std::string safe_gain_text(double gain) {
 }
 
 // What -v adds after the conversion: what was read, and the level before the gain.
-std::vector<std::string> report_lines(const std::string& name, const kavo_report& r) {
+std::vector<std::string> report_lines(const std::string& name, const kavo_report& r, bool gapless) {
     std::string read = name + ": read " + grouped(r.input_frames) + " sample frames at " +
                        std::to_string(r.sample_rate) + " Hz " + channel_words(r.channels) +
                        format(" (%.2f s)", r.input_seconds);
     if (r.input_kind == KAVO_INPUT_MP3) read += " from " + grouped(r.mp3_frames) + " MP3 frames";
     if (r.format_changed != 0) read += "; the stream changed rate or channels on the way";
+    if (gapless) {
+        read += r.gapless_applied != 0 ? "; the encoder's delay and padding left out"
+                                       : "; no encoder's header, nothing left out";
+    }
     std::string level = name + ": 8000 Hz samples from " + std::to_string(r.lowest) + " to " +
                         std::to_string(r.highest) + " before the gain; the largest gain that "
                         "wraps none is " + safe_gain_text(r.max_gain) +
@@ -251,6 +255,7 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
     kavo_settings settings = kavolib::settings_with_gain(options.gain);
     settings.target = options.target;
     settings.target_db = options.target_db;
+    settings.gapless = options.gapless ? 1 : 0;
     const int status = kavolib::run_engine(engine_input, settings, write_output, show_progress,
                                            &context, &report, message, sizeof message);
     if (status == KAVO_ERROR_STOPPED && interrupted()) return {Result::interrupted, {}};
@@ -268,7 +273,7 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
     }
     const std::string name = shown(job.input, false);
     if (options.verbose) {
-        for (const std::string& line : report_lines(name, report)) console.info(line);
+        for (const std::string& line : report_lines(name, report, options.gapless)) console.info(line);
     }
     if (report.wrapped > 0) {
         std::string safe = options.gain < 0 ? "-" : "";

@@ -100,6 +100,7 @@ int main(int argc, char** argv) {
     std::string peak_text;
     std::string level_text;
     bool quiet = false;
+    [[maybe_unused]] bool gapless = false;
 
     auto* convert =
         app.add_subcommand("convert", "MP3 files (tags skipped) or WAV files to packed 4-bit ADPCM");
@@ -133,6 +134,9 @@ int main(int argc, char** argv) {
     convert->add_flag("-v,--verbose", convert_options.verbose,
                       "also describe each input and the level it converts to")
         ->excludes(convert_quiet);
+    convert->add_flag("--gapless", convert_options.gapless,
+                      "leave out the encoder's delay and padding and its header frame, as the "
+                      "header in an MP3's first frame gives them");
     convert->add_flag("-n,--no-clobber", convert_options.no_clobber,
                       "leave an output that is already there (counted as skipped, not failed)");
     convert->footer(
@@ -166,6 +170,9 @@ int main(int argc, char** argv) {
                              "MP3 input file", "decoded output file");
     bool decode_verbose = false;
     decode->add_flag("-v,--verbose", decode_verbose, "also name the tags and wrappers skipped");
+    decode->add_flag("--gapless", gapless,
+                     "leave out the encoder's delay and padding and its header frame, as the "
+                     "header in the first frame gives them");
     auto* mix = add_stage("mix", "16-bit WAV to mono WAV (average of the two channels)",
                           "16-bit WAV input", "mono WAV output");
     auto* resample = add_stage("resample", "16-bit WAV to 8000 Hz WAV (windowed-sinc filter)",
@@ -209,7 +216,7 @@ int main(int argc, char** argv) {
     if (*convert) return cmd_convert(convert_options);
     if (*expand) return cmd_expand(in, out, quiet);
 #ifdef KAVO_STAGE_COMMANDS
-    if (*decode) return cmd_decode(in, out, quiet, decode_verbose);
+    if (*decode) return cmd_decode(in, out, quiet, decode_verbose, gapless);
     if (*mix) return cmd_mix(in, out, quiet);
     if (*resample) return cmd_resample(in, out, quiet);
     if (*encode) return cmd_encode(in, out, gain, quiet);

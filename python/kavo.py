@@ -83,7 +83,8 @@ _lib.kavo_convert_memory.argtypes = [ctypes.c_char_p, ctypes.c_size_t, ctypes.c_
 _lib.kavo_convert_memory.restype = ctypes.c_int
 class _Settings(ctypes.Structure):
     _fields_ = [("size", ctypes.c_uint32), ("gain", ctypes.c_float),
-                ("target", ctypes.c_int32), ("target_db", ctypes.c_float)]
+                ("target", ctypes.c_int32), ("target_db", ctypes.c_float),
+                ("gapless", ctypes.c_int32)]
 
 
 _TARGET_PEAK, _TARGET_LEVEL, _TARGET_MAX_GAIN = 1, 2, 3
@@ -101,7 +102,8 @@ class _Report(ctypes.Structure):
                 ("max_gain_high", ctypes.c_double), ("max_gain_low", ctypes.c_double),
                 ("wrapped", ctypes.c_int64), ("speech", ctypes.c_int32),
                 ("gain_capped", ctypes.c_int32), ("level", ctypes.c_double),
-                ("activity", ctypes.c_double), ("level_reached", ctypes.c_double)]
+                ("activity", ctypes.c_double), ("level_reached", ctypes.c_double),
+                ("gapless_applied", ctypes.c_int32), ("padding_1", ctypes.c_int32)]
 
 
 class _Io(ctypes.Structure):
@@ -205,15 +207,17 @@ class Result:
     active speech level before the gain in dBov (ITU-T P.56), activity, the share of the samples
     counted as speech, and level_reached, the level after the gain (all three None when no
     speech was found); gain_capped, whether a peak or level target asked for a gain that wraps
-    samples and got max_gain instead."""
+    samples and got max_gain instead; gapless_applied, whether gapless=True found the encoder's
+    header and cut to it."""
 
     def __init__(self, adpcm, report):
         self.adpcm = adpcm
         for name, _ in _Report._fields_:
-            if name != "size":
+            if name not in {"size", "padding_1"}:
                 setattr(self, name, getattr(report, name))
         self.input_kind = _KINDS.get(report.input_kind, "")
         self.format_changed = bool(report.format_changed)
+        self.gapless_applied = bool(report.gapless_applied)
         self.peak = max(abs(report.highest), abs(report.lowest))
         self.gain_capped = bool(report.gain_capped)
         if not report.speech:
@@ -228,7 +232,7 @@ class Result:
                                                 self.max_gain, self.wrapped))
 
 
-def convert(data_or_path, gain=1.0, progress=None, peak=None, level=None):
+def convert(data_or_path, gain=1.0, progress=None, peak=None, level=None, gapless=False):
     """Converts MP3 data (bytes-like) or the file at a path (str or os.PathLike) and returns a
     kavo.Result with the ADPCM bytes and the conversion's report.
 
@@ -237,7 +241,9 @@ def convert(data_or_path, gain=1.0, progress=None, peak=None, level=None):
     active speech level to DB dBov (e.g. -26); neither goes beyond the largest gain that wraps
     no sample, and both leave the gain at 1.0 when there is nothing to measure. A target holds
     the whole 8000 Hz signal in memory (16 kB a second). Raises ValueError when more than one
-    of gain, peak and level is given.
+    of gain, peak and level is given. gapless=True honours the encoder's header in the first
+    MP3 frame: that frame, the encoder's delay and padding and the decoder's 529 samples are left
+    out.
 
     progress is called as for convert_file; an exception it raises stops the conversion and
     is raised again. Raises kavo.Error when the conversion fails."""
@@ -252,13 +258,13 @@ def convert(data_or_path, gain=1.0, progress=None, peak=None, level=None):
     if given > 1:
         raise ValueError("gain, peak and level exclude each other")
     if gain == "max":
-        settings = _Settings(ctypes.sizeof(_Settings), 1.0, _TARGET_MAX_GAIN, 0.0)
+        settings = _Settings(ctypes.sizeof(_Settings), 1.0, _TARGET_MAX_GAIN, 0.0, gapless)
     elif peak is not None:
-        settings = _Settings(ctypes.sizeof(_Settings), 1.0, _TARGET_PEAK, peak)
+        settings = _Settings(ctypes.sizeof(_Settings), 1.0, _TARGET_PEAK, peak, gapless)
     elif level is not None:
-        settings = _Settings(ctypes.sizeof(_Settings), 1.0, _TARGET_LEVEL, level)
+        settings = _Settings(ctypes.sizeof(_Settings), 1.0, _TARGET_LEVEL, level, gapless)
     else:
-        settings = _Settings(ctypes.sizeof(_Settings), gain, 0, 0.0)
+        settings = _Settings(ctypes.sizeof(_Settings), gain, 0, 0.0, gapless)
     report = _Report(size=ctypes.sizeof(_Report))
     status = _lib.kavo_convert(ctypes.byref(io), ctypes.byref(settings), ctypes.byref(report),
                                call.message, _MESSAGE_SIZE)

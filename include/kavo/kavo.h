@@ -154,10 +154,15 @@ typedef struct kavo_settings {
     int32_t target;    /*  8: KAVO_TARGET_* (default KAVO_TARGET_NONE) */
     float target_db;   /* 12: for KAVO_TARGET_PEAK, dB of full scale, at most 0; for
                               KAVO_TARGET_LEVEL, dBov. Finite. */
+    int32_t gapless;   /* 16: 1 honours the encoder's header in the first MP3 frame (Xing/Info
+                              with its extension, or VBRI): that frame is not decoded, and the
+                              decoded PCM loses the encoder's delay and padding and the
+                              decoder's 529 samples, giving back the samples that were encoded.
+                              0 (default): every frame decoded, as kavo() does. */
 } kavo_settings;
 
 #define KAVO_SETTINGS_SIZE_1 8u
-#define KAVO_SETTINGS_INIT {(uint32_t)sizeof(kavo_settings), 1.0f, 0, 0.0f}
+#define KAVO_SETTINGS_INIT {(uint32_t)sizeof(kavo_settings), 1.0f, 0, 0.0f, 0}
 
 /* settings.target. Every target is capped at the largest gain that wraps no sample (the
  * report's max_gain), and leaves the gain at 1.0 when there is nothing to measure. */
@@ -224,13 +229,17 @@ typedef struct kavo_report {
     double level;           /* 128: active speech level, dBov (ITU-T P.56 method B) */
     double activity;        /* 136: the share of the samples that counted as speech, 0..1 */
     double level_reached;   /* 144: level + 20 log10 |gain| (-inf for gain 0) */
+    int32_t gapless_applied; /* 152: 1 when settings.gapless found an encoder's header and cut
+                                     the decoded PCM (input_frames then counts what was kept, and
+                                     mp3_frames leaves the header frame out) */
+    int32_t padding_1;       /* 156: 0 */
 } kavo_report;
 
 #define KAVO_REPORT_SIZE_1 120u
 /* Every field listed, so that no compiler warns of one missing: append to both together. */
 #define KAVO_REPORT_INIT \
     {(uint32_t)sizeof(kavo_report), 0, 0, 0, 0, 0, 0, 0.0, 0, 0, 0, 0.0, 0.0, 0, 0, 0.0, 0.0, \
-     0.0, 0, 0, 0, 0.0, 0.0, 0.0}
+     0.0, 0, 0, 0, 0.0, 0.0, 0.0, 0, 0}
 
 /* Where a conversion reads and writes. The input: the file input_path, or when input_path is
  * NULL the input_size bytes at input_data. The output: the file output_path (written by what
