@@ -1,9 +1,10 @@
 // Fuzz target over the whole conversion in memory: the input bytes are an MP3 file handed to
-// kavo_convert_memory, which must never crash, print or leak, and must keep its promises on
+// kavo_convert, which must never crash, print or leak, and must keep its promises on
 // every input: a status that is success or a refusal of the format, a one-line message exactly
 // when it fails, output only in whole 80-byte frames and none when the input is refused,
 // progress that never falls and ends at 100. A broken promise aborts, so the fuzzer keeps the
-// input. The input's size picks the gain.
+// input. The input's size picks the gain and whether the encoder's header in the first frame is
+// honoured (gapless: a header that says anything, the cut that follows from it).
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -55,8 +56,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Observed seen;
     char message[256];
     std::memset(message, 'x', sizeof message);
-    const int status = kavo_convert_memory(data, size, kGains[size % 4], take_output,
-                                           take_progress, &seen, message, sizeof message);
+    kavo_settings settings = KAVO_SETTINGS_INIT;
+    settings.gain = kGains[size % 4];
+    settings.gapless = static_cast<int32_t>((size / 4) % 2);
+    const kavo_io io{nullptr, data, size, nullptr, take_output, take_progress, &seen};
+    const int status = kavo_convert(&io, &settings, nullptr, message, sizeof message);
     const size_t length = strnlen(message, sizeof message);
     const bool one_line = length < sizeof message && std::strchr(message, '\n') == nullptr;
     bool kept = one_line && !seen.misaligned && !seen.fell;
