@@ -64,8 +64,10 @@ int convert_memory(const std::string& mp3, float gain, Collected& out, std::stri
 // bitstream.
 std::vector<std::string> all_inputs() {
     std::vector<std::string> inputs;
-    for (const auto& entry : fs::recursive_directory_iterator(KAVO_SHARED_DIR "/conformance")) {
-        if (entry.path().extension() == ".bit") inputs.push_back(entry.path());
+    if (kavotest::have_conformance()) {
+        for (const auto& entry : fs::recursive_directory_iterator(kavotest::conformance_dir())) {
+            if (entry.path().extension() == ".bit") inputs.push_back(entry.path());
+        }
     }
     for (const auto& entry : fs::directory_iterator(KAVO_FIXTURES_DIR)) {
         if (entry.path().extension().string().starts_with(".mp")) inputs.push_back(entry.path());
