@@ -75,7 +75,10 @@ fuzz: deps
 bench: release
 	bash bench/run.sh
 
-demo: release
+# The command and the library alone: the demo neither builds nor runs a test.
+demo: deps
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS) --target kavo_cli kavo_shared
 	build/kavo convert $(DEMO_MP3) demo.adpcm
 	build/kavo expand demo.adpcm demo.wav
 	@echo

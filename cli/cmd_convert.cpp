@@ -153,18 +153,48 @@ std::string safe_gain_text(double gain) {
 }
 
 // What -v adds after the conversion: what was read, and the level before the gain.
-std::vector<std::string> report_lines(const std::string& name, const kavo_report& r) {
+std::vector<std::string> report_lines(const std::string& name, const kavo_report& r, bool gapless) {
     std::string read = name + ": read " + grouped(r.input_frames) + " sample frames at " +
                        std::to_string(r.sample_rate) + " Hz " + channel_words(r.channels) +
                        format(" (%.2f s)", r.input_seconds);
     if (r.input_kind == KAVO_INPUT_MP3) read += " from " + grouped(r.mp3_frames) + " MP3 frames";
-    read += ", " + grouped(r.skipped_bytes) + " bytes of tags skipped";
     if (r.format_changed != 0) read += "; the stream changed rate or channels on the way";
+    if (gapless) {
+        read += r.gapless_applied != 0 ? "; the encoder's delay and padding left out"
+                                       : "; no encoder's header, nothing left out";
+    }
     std::string level = name + ": 8000 Hz samples from " + std::to_string(r.lowest) + " to " +
                         std::to_string(r.highest) + " before the gain; the largest gain that "
                         "wraps none is " + safe_gain_text(r.max_gain) +
                         format("; %.2f s written", r.output_seconds);
-    return {read, level};
+    std::vector<std::string> lines{read, level};
+    if (r.speech != 0) {
+        lines.push_back(name + format(": speech level %.1f dBov before the gain, active %.0f %%",
+                                      r.level, r.activity * 100.0));
+    } else {
+        lines.push_back(name + ": no speech level (nothing active)");
+    }
+    return lines;
+}
+
+// What a target chose, when it could not do what was asked: the input is silent, no speech
+// was found, or the gain asked for wraps samples. Empty when the target was reached.
+std::string target_line(const std::string& name, const ConvertOptions& options,
+                        const kavo_report& r) {
+    const bool silent = r.highest == 0 && r.lowest == 0;
+    if (options.target == KAVO_TARGET_LEVEL) {
+        if (r.speech == 0) return name + ": no speech found to measure a level on; gain 1.0";
+        if (r.gain_capped == 0) return {};
+        const double asked = std::pow(10.0, (options.target_db - r.level) / 20.0);
+        return name + format(": %.1f dBov needs gain %.3g, which wraps samples; ",
+                             options.target_db, asked) +
+               "the largest gain that wraps none, " + gain_text(static_cast<float>(r.gain)) +
+               format(", reaches %.1f dBov", r.level_reached);
+    }
+    if (silent) return name + ": silent: no peak to bring up; gain 1.0";
+    if (r.gain_capped == 0) return {};
+    return name + ": the gain asked for wraps samples; the largest gain that wraps none, " +
+           gain_text(static_cast<float>(r.gain)) + ", is used";
 }
 
 // What the engine's callbacks reach: the output, the console, and why writing failed.
@@ -222,9 +252,12 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
     char message[256] = "";
     kavo_report report = KAVO_REPORT_INIT;
     kavolib::EngineInput engine_input = input.engine_input();
-    const int status = kavolib::run_engine(engine_input, kavolib::settings_with_gain(options.gain),
-                                           write_output, show_progress, &context, &report, message,
-                                           sizeof message);
+    kavo_settings settings = kavolib::settings_with_gain(options.gain);
+    settings.target = options.target;
+    settings.target_db = options.target_db;
+    settings.gapless = options.gapless ? 1 : 0;
+    const int status = kavolib::run_engine(engine_input, settings, write_output, show_progress,
+                                           &context, &report, message, sizeof message);
     if (status == KAVO_ERROR_STOPPED && interrupted()) return {Result::interrupted, {}};
     if (!input.unchanged(why)) return failure(why);
     if (!context.write_error.empty())
@@ -240,7 +273,7 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
     }
     const std::string name = shown(job.input, false);
     if (options.verbose) {
-        for (const std::string& line : report_lines(name, report)) console.info(line);
+        for (const std::string& line : report_lines(name, report, options.gapless)) console.info(line);
     }
     if (report.wrapped > 0) {
         std::string safe = options.gain < 0 ? "-" : "";
@@ -252,9 +285,16 @@ Outcome convert_job(const Job& job, const ConvertOptions& options, Console& cons
                         (options.gain < 0 ? "negative gain of largest magnitude" : "largest gain") +
                         " that wraps none is " + safe + ")");
     }
+    std::string chosen;
+    if (options.target != KAVO_TARGET_NONE) {
+        const std::string warning = target_line(name, options, report);
+        if (!warning.empty()) console.warning(warning);
+        chosen = ", gain " + gain_text(static_cast<float>(report.gain));
+        if (report.speech != 0) chosen += format(", speech level %.1f dBov", report.level_reached);
+    }
     // 4000 bytes of codes per second of 8000 Hz audio.
     console.info("wrote " + out + ": " + std::to_string(context.bytes) + " bytes, " +
-                 format("%.2f s", static_cast<double>(context.bytes) / 4000.0));
+                 format("%.2f s", static_cast<double>(context.bytes) / 4000.0) + chosen);
     return {Result::converted, {}};
 }
 

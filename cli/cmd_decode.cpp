@@ -1,7 +1,8 @@
 // kavo decode IN OUT: the engine's decode alone, MP3 to 16-bit PCM in the form OUT's name
 // selects (".pcm" raw, ".wav" or ".TM2" WAV, ".txt" hexadecimal text), in the command's own
 // process. The input is read as convert reads it (tags and wrappers skipped, the same refusals);
-// the output is written beside OUT and moved into place only when complete.
+// the output is written beside OUT and moved into place only when complete. With --gapless
+// only the samples the encoder's header asks to keep are written, as convert --gapless reads them.
 #include <cstdio>
 #include <filesystem>
 #include <string>
@@ -31,7 +32,8 @@ int write_decoded(void* user, const void* bytes, size_t size) {
 
 }  // namespace
 
-int cmd_decode(const std::string& in, const std::string& out, bool quiet, bool verbose) {
+int cmd_decode(const std::string& in, const std::string& out, bool quiet, bool verbose,
+               bool gapless) {
     const std::string name = std::filesystem::path(out).filename().string();
     const kavolib::OutputForm form = kavolib::choose_output_form(name.c_str());
     if (form == kavolib::OutputForm::none) {
@@ -63,7 +65,7 @@ int cmd_decode(const std::string& in, const std::string& out, bool quiet, bool v
     char message[256] = "";
     kavolib::EngineInput engine_input = input.engine_input();
     const int status = kavolib::run_decode(engine_input, form, write_decoded, &output, message,
-                                           sizeof message);
+                                           sizeof message, nullptr, gapless);
     if (!input.unchanged(why)) return failed(why);
     if (!output.write_error.empty()) return failed("cannot write '" + out + "': " + output.write_error);
     if (status != KAVO_OK) return failed(failure_text(in, input, layout, status, message));

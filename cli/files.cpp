@@ -4,12 +4,15 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
 
+#include "container/input_layout.h"
+#include "engine/file_source.h"
 #include "engine/stream_scan.h"
 #include "interrupt.h"
 
@@ -139,20 +142,32 @@ bool readable_size(const std::string& path, uintmax_t& size, std::string& why) {
 std::string audio_content(const std::string& path) {
     std::error_code error;
     if (!fs::is_regular_file(path, error)) return {};
-    std::FILE* file = std::fopen(path.c_str(), "rb");
-    if (file == nullptr) return {};
-    // The start of the file is enough: a tag or header is at the front, and an MPEG stream
-    // shows a run of frames long before this.
-    std::vector<uint8_t> head(1 << 16);
-    head.resize(std::fread(head.data(), 1, head.size(), file));
-    std::fclose(file);
-    if (head.size() >= 12 && std::memcmp(head.data(), "RIFF", 4) == 0 &&
-        std::memcmp(head.data() + 8, "WAVE", 4) == 0) {
-        return "a WAV file";
+    kavolib::FileInput file;
+    file.file = std::fopen(path.c_str(), "rb");
+    if (file.file == nullptr) return {};
+    std::string what;
+    if (file.measure()) {
+        // The conversion's own recognition: a RIFF WAVE file (whatever it carries), an ID3v2
+        // tag, or a run of MPEG frames at the start of what lies between the tags.
+        const kavolib::InputLayout layout = kavolib::find_layout(file.reader());
+        const bool id3v2 = !layout.skipped.empty() && layout.skipped[0].name.starts_with("ID3v2");
+        if (layout.kind != kavolib::InputKind::mpeg || layout.wav_format_tag != 0) {
+            what = "a WAV file";
+        } else if (id3v2) {
+            what = "an MP3 file";
+        } else {
+            const uint64_t length = std::min<uint64_t>(layout.end - layout.begin, 1 << 16);
+            std::vector<uint8_t> head(static_cast<size_t>(length));
+            if (file.reader().get(layout.begin, head.data(), head.size())) {
+                const kavolib::StreamScan scan = kavolib::scan_stream(head.data(), head.size());
+                // A Layer I or II frame right at the start, confirmed by the next, is one too.
+                if (scan.has_layer12 && scan.layer12_offset == 0) what = "an MPEG audio file";
+                if (scan.frame_count >= kFramesOfAStream) what = "an MP3 file";
+            }
+        }
     }
-    if (head.size() >= 3 && std::memcmp(head.data(), "ID3", 3) == 0) return "an MP3 file";
-    const kavolib::StreamScan scan = kavolib::scan_stream(head.data(), head.size());
-    return scan.frame_count >= kFramesOfAStream ? "an MP3 file" : "";
+    std::fclose(file.file);
+    return what;
 }
 
 bool audio_name(const std::string& path) {

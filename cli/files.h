@@ -26,8 +26,9 @@ bool still_whole(int fd, const std::string& path, uintmax_t size, std::string& w
 // True when path names a file that can be opened for reading; its size goes to size.
 bool readable_size(const std::string& path, uintmax_t& size, std::string& why);
 
-// What the file at path holds when it is recognisably audio by its content ("an MP3 file",
-// "a WAV file"), else "". Only a regular file is looked at: a FIFO or device is never read.
+// What the file at path holds when it is recognisably audio by its content, found as the
+// conversion finds it ("an MP3 file", "an MPEG audio file", "a WAV file"), else "". Only a
+// regular file is looked at: a FIFO or device is never read.
 std::string audio_content(const std::string& path);
 
 // True when the name ends in an extension of audio files (.mp3 .mp2 .wav .wave .mpga), in any

@@ -6,10 +6,12 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 
 #include "commands.h"
+#include "kavo/kavo.h"
 #include "manual_help.h"
 
 namespace {
@@ -36,6 +38,22 @@ bool read_gain(const std::string& text, float& gain, std::string& error) {
         error = "--gain " + text + ": not a finite number";
     }
     gain = static_cast<float>(value);
+    return error.empty();
+}
+
+// --peak and --level: a finite number of dB (a peak at most 0, full scale).
+bool read_db(const char* option, const std::string& text, float& db, std::string& error) {
+    char* stop = nullptr;
+    const double value = std::strtod(text.c_str(), &stop);
+    const std::string named = std::string(option) + " " + text;
+    if (text.empty() || std::isspace(static_cast<unsigned char>(text[0])) || *stop != '\0') {
+        error = named + ": not a number";
+    } else if (!std::isfinite(static_cast<float>(value))) {
+        error = named + ": not a finite number";
+    } else if (std::strcmp(option, "--peak") == 0 && value > 0) {
+        error = named + ": a peak is at most 0 dB (full scale)";
+    }
+    db = static_cast<float>(value);
     return error.empty();
 }
 
@@ -79,7 +97,10 @@ int main(int argc, char** argv) {
     [[maybe_unused]] float gain = 1.0f;
     std::string jobs_text;
     std::string gain_text;
+    std::string peak_text;
+    std::string level_text;
     bool quiet = false;
+    [[maybe_unused]] bool gapless = false;
 
     auto* convert =
         app.add_subcommand("convert", "MP3 files (tags skipped) or WAV files to packed 4-bit ADPCM");
@@ -96,19 +117,33 @@ int main(int argc, char** argv) {
         ->type_name("N");
     convert
         ->add_option("--gain", gain_text,
-                     "gain applied to the 8000 Hz samples (default 1.0; wraps in 16 bits)")
-        ->type_name("FLOAT");
+                     "gain applied to the 8000 Hz samples (default 1.0; wraps in 16 bits); "
+                     "max: the largest gain that wraps no sample")
+        ->type_name("FLOAT|max");
+    convert
+        ->add_option("--peak", peak_text,
+                     "gain that brings the largest 8000 Hz sample to DB dB of full scale (DB <= 0)")
+        ->type_name("DB");
+    convert
+        ->add_option("--level", level_text,
+                     "gain that brings the active speech level (ITU-T P.56) to DB dBov, "
+                     "e.g. -26; never beyond the largest gain that wraps no sample")
+        ->type_name("DB");
     auto* convert_quiet =
         convert->add_flag("-q,--quiet", convert_options.quiet, "print errors only");
     convert->add_flag("-v,--verbose", convert_options.verbose,
                       "also describe each input and the level it converts to")
         ->excludes(convert_quiet);
+    convert->add_flag("--gapless", convert_options.gapless,
+                      "leave out the encoder's delay and padding and its header frame, as the "
+                      "header in an MP3's first frame gives them");
     convert->add_flag("-n,--no-clobber", convert_options.no_clobber,
                       "leave an output that is already there (counted as skipped, not failed)");
     convert->footer(
         "Examples:\n"
         "  kavo convert prompt.mp3 prompt.adpcm\n"
         "  kavo convert -j 4 prompts/*.mp3 prompts/*.wav -o adpcm\n"
+        "  kavo convert --level -26 -o out prompts/*.mp3\n"
         "  producer | kavo convert -q - - | consumer\n\n"
         "Each file gets one line on standard error ('wrote ...', or 'kavo: FILE: cause'), and one\n"
         "more when the gain wrapped samples (the largest gain that wraps none is named); a\n"
@@ -135,6 +170,9 @@ int main(int argc, char** argv) {
                              "MP3 input file", "decoded output file");
     bool decode_verbose = false;
     decode->add_flag("-v,--verbose", decode_verbose, "also name the tags and wrappers skipped");
+    decode->add_flag("--gapless", gapless,
+                     "leave out the encoder's delay and padding and its header frame, as the "
+                     "header in the first frame gives them");
     auto* mix = add_stage("mix", "16-bit WAV to mono WAV (average of the two channels)",
                           "16-bit WAV input", "mono WAV output");
     auto* resample = add_stage("resample", "16-bit WAV to 8000 Hz WAV (windowed-sinc filter)",
@@ -156,8 +194,21 @@ int main(int argc, char** argv) {
 
     std::string error;
     if (!jobs_text.empty()) read_jobs(jobs_text, convert_options.jobs, error);
-    if (error.empty() && !gain_text.empty())
+    const int gains = !gain_text.empty() + !peak_text.empty() + !level_text.empty();
+    if (error.empty() && *convert && gains > 1) error = "--gain, --peak and --level exclude each other";
+    if (error.empty() && *convert && gain_text == "max") {
+        convert_options.target = KAVO_TARGET_MAX_GAIN;
+    } else if (error.empty() && !gain_text.empty()) {
         read_gain(gain_text, *convert ? convert_options.gain : gain, error);
+    }
+    if (error.empty() && !peak_text.empty()) {
+        convert_options.target = KAVO_TARGET_PEAK;
+        read_db("--peak", peak_text, convert_options.target_db, error);
+    }
+    if (error.empty() && !level_text.empty()) {
+        convert_options.target = KAVO_TARGET_LEVEL;
+        read_db("--level", level_text, convert_options.target_db, error);
+    }
     if (!error.empty()) {
         std::fprintf(stderr, "kavo: %s\n", error.c_str());
         return kExitUsage;
@@ -165,7 +216,7 @@ int main(int argc, char** argv) {
     if (*convert) return cmd_convert(convert_options);
     if (*expand) return cmd_expand(in, out, quiet);
 #ifdef KAVO_STAGE_COMMANDS
-    if (*decode) return cmd_decode(in, out, quiet, decode_verbose);
+    if (*decode) return cmd_decode(in, out, quiet, decode_verbose, gapless);
     if (*mix) return cmd_mix(in, out, quiet);
     if (*resample) return cmd_resample(in, out, quiet);
     if (*encode) return cmd_encode(in, out, gain, quiet);

@@ -137,7 +137,12 @@ void report_written(const std::string& out, bool quiet) {
     if (quiet) return;
     std::error_code error;
     const auto size = fs::file_size(out, error);
-    std::fprintf(stderr, "wrote '%s': %ju bytes\n", out.c_str(), static_cast<uintmax_t>(error ? 0 : size));
+    // A device or FIFO has no size to tell.
+    if (error) {
+        std::fprintf(stderr, "wrote '%s'\n", out.c_str());
+    } else {
+        std::fprintf(stderr, "wrote '%s': %ju bytes\n", out.c_str(), static_cast<uintmax_t>(size));
+    }
 }
 
 }  // namespace kavocli

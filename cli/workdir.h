@@ -60,7 +60,7 @@ int run_privately(const std::string& produced, const std::string& out, bool quie
 void report_not_written(const char* doing, const std::string& in, int code,
                         const std::string& out);
 
-// "wrote '<out>': <size> bytes", unless quiet.
+// "wrote '<out>': <size> bytes" ("wrote '<out>'" for a device or FIFO), unless quiet.
 void report_written(const std::string& out, bool quiet);
 
 }  // namespace kavocli

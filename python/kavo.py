@@ -9,6 +9,8 @@ The input is recognised by its content: tags around MP3 frames are skipped; WAV 
     if result.wrapped:
         print(result.wrapped, "samples wrapped; the largest safe gain is", result.max_gain)
     open("prompt.adpcm", "wb").write(result.adpcm)
+    result = kavo.convert("prompt.mp3", level=-26)   # or peak=-1, or gain="max"
+    print(result.level, "dBov brought to", result.level_reached, "with gain", result.gain)
     try:
         kavo.convert_file("upload.mp3", "upload.adpcm", progress=print)
     except kavo.Error as e:
@@ -80,7 +82,12 @@ _lib.kavo_convert_memory.argtypes = [ctypes.c_char_p, ctypes.c_size_t, ctypes.c_
                                      ctypes.c_size_t]
 _lib.kavo_convert_memory.restype = ctypes.c_int
 class _Settings(ctypes.Structure):
-    _fields_ = [("size", ctypes.c_uint32), ("gain", ctypes.c_float)]
+    _fields_ = [("size", ctypes.c_uint32), ("gain", ctypes.c_float),
+                ("target", ctypes.c_int32), ("target_db", ctypes.c_float),
+                ("gapless", ctypes.c_int32)]
+
+
+_TARGET_PEAK, _TARGET_LEVEL, _TARGET_MAX_GAIN = 1, 2, 3
 
 
 class _Report(ctypes.Structure):
@@ -93,7 +100,10 @@ class _Report(ctypes.Structure):
                 ("gain", ctypes.c_double), ("highest", ctypes.c_int32),
                 ("lowest", ctypes.c_int32), ("max_gain", ctypes.c_double),
                 ("max_gain_high", ctypes.c_double), ("max_gain_low", ctypes.c_double),
-                ("wrapped", ctypes.c_int64)]
+                ("wrapped", ctypes.c_int64), ("speech", ctypes.c_int32),
+                ("gain_capped", ctypes.c_int32), ("level", ctypes.c_double),
+                ("activity", ctypes.c_double), ("level_reached", ctypes.c_double),
+                ("gapless_applied", ctypes.c_int32), ("padding_1", ctypes.c_int32)]
 
 
 class _Io(ctypes.Structure):
@@ -156,7 +166,9 @@ def _path(name):
 def convert_file(inp, out, gain=1.0, progress=None):
     """Converts the MP3 file inp into the ADPCM file out, every 8000 Hz sample times gain.
 
-    out appears only when complete: on failure an existing out is left as it was. progress,
+    A file out appears only when complete: on failure an existing one is left as it was. A
+    link is followed to its target; a device, FIFO or socket is written in place; out that is
+    inp itself (by any path or link) is refused. progress,
     when given, is called with the percentage done (0 to 100, rising, 100 last), on the
     calling thread; an exception it raises is raised again when the conversion has ended.
     Raises kavo.Error when the conversion fails."""
@@ -191,16 +203,26 @@ class Result:
     lowest, the extreme 8000 Hz samples before the gain, and peak, the larger magnitude of the
     two; max_gain, the largest gain that wraps no sample (max_gain_high and max_gain_low, the
     limits each extreme sets); wrapped, the samples the gain wrapped in 16 bits;
-    format_changed, whether an MP3 stream changed rate or channels on the way."""
+    format_changed, whether an MP3 stream changed rate or channels on the way; level, the
+    active speech level before the gain in dBov (ITU-T P.56), activity, the share of the samples
+    counted as speech, and level_reached, the level after the gain (all three None when no
+    speech was found); gain_capped, whether a peak or level target asked for a gain that wraps
+    samples and got max_gain instead; gapless_applied, whether gapless=True found the encoder's
+    header and cut to it."""
 
     def __init__(self, adpcm, report):
         self.adpcm = adpcm
         for name, _ in _Report._fields_:
-            if name != "size":
+            if name not in {"size", "padding_1"}:
                 setattr(self, name, getattr(report, name))
         self.input_kind = _KINDS.get(report.input_kind, "")
         self.format_changed = bool(report.format_changed)
+        self.gapless_applied = bool(report.gapless_applied)
         self.peak = max(abs(report.highest), abs(report.lowest))
+        self.gain_capped = bool(report.gain_capped)
+        if not report.speech:
+            self.level = self.activity = self.level_reached = None
+        del self.speech
 
     def __repr__(self):
         return ("kavo.Result(%d bytes of ADPCM, %s %d Hz %d ch, %.2f s, gain %g, peak %d, "
@@ -210,9 +232,18 @@ class Result:
                                                 self.max_gain, self.wrapped))
 
 
-def convert(data_or_path, gain=1.0, progress=None):
+def convert(data_or_path, gain=1.0, progress=None, peak=None, level=None, gapless=False):
     """Converts MP3 data (bytes-like) or the file at a path (str or os.PathLike) and returns a
     kavo.Result with the ADPCM bytes and the conversion's report.
+
+    The gain is a number, or "max": the largest gain that wraps no sample. Instead of a gain,
+    peak=DB brings the largest 8000 Hz sample to DB dB of full scale (DB <= 0), level=DB the
+    active speech level to DB dBov (e.g. -26); neither goes beyond the largest gain that wraps
+    no sample, and both leave the gain at 1.0 when there is nothing to measure. A target holds
+    the whole 8000 Hz signal in memory (16 kB a second). Raises ValueError when more than one
+    of gain, peak and level is given. gapless=True honours the encoder's header in the first
+    MP3 frame: that frame, the encoder's delay and padding and the decoder's 529 samples are left
+    out.
 
     progress is called as for convert_file; an exception it raises stops the conversion and
     is raised again. Raises kavo.Error when the conversion fails."""
@@ -223,7 +254,17 @@ def convert(data_or_path, gain=1.0, progress=None):
     else:
         data = bytes(data_or_path)
         io = _Io(None, data, len(data), None, call.write, call.progress, None)
-    settings = _Settings(ctypes.sizeof(_Settings), gain)
+    given = (gain != 1.0) + (peak is not None) + (level is not None)
+    if given > 1:
+        raise ValueError("gain, peak and level exclude each other")
+    if gain == "max":
+        settings = _Settings(ctypes.sizeof(_Settings), 1.0, _TARGET_MAX_GAIN, 0.0, gapless)
+    elif peak is not None:
+        settings = _Settings(ctypes.sizeof(_Settings), 1.0, _TARGET_PEAK, peak, gapless)
+    elif level is not None:
+        settings = _Settings(ctypes.sizeof(_Settings), 1.0, _TARGET_LEVEL, level, gapless)
+    else:
+        settings = _Settings(ctypes.sizeof(_Settings), gain, 0, 0.0, gapless)
     report = _Report(size=ctypes.sizeof(_Report))
     status = _lib.kavo_convert(ctypes.byref(io), ctypes.byref(settings), ctypes.byref(report),
                                call.message, _MESSAGE_SIZE)

@@ -22,6 +22,7 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "audio.h"
@@ -71,7 +72,11 @@ TEST(Cli, UsageErrorsExitWithTwoAndTouchNothing) {
         {{"convert", "a.mp3", "out.adpcm", "--gain", "loud"}, "kavo: --gain loud: not a number\n"},
         {{"convert", "a.mp3", "out.adpcm", "--gain", "nan"}, "kavo: --gain nan: not a finite number\n"},
         {{"convert", "a.mp3", "-o", "out", "-j", "abc"}, "kavo: -j abc: not a number\n"},
-        {{"convert", "a.mp3", "-o", "out", "-j", "0"}, "kavo: -j 0: from 1 to 1024"},
+        {{"convert", "a.mp3", "out.adpcm", "--gain", "max", "--level", "-26"},
+         "kavo: --gain, --peak and --level exclude each other\n"},
+        {{"convert", "a.mp3", "out.adpcm", "--peak", "0.5"},
+         "kavo: --peak 0.5: a peak is at most 0 dB (full scale)\n"},
+        {{"convert", "a.mp3", "out.adpcm", "--level", "loud"}, "kavo: --level loud: not a number\n"},
         {{"convert", "-q", "-v", "a.mp3", "out.adpcm"}, "kavo: --quiet excludes --verbose"},
         {{"convert", "a.mp3", "sub/a.mp3"}, "kavo: 'sub/a.mp3' is an MP3 file, not an ADPCM output"},
         {{"convert", "a.mp3", "b.Wave"}, "kavo: 'b.Wave' has the name of an audio file"},
@@ -105,9 +110,10 @@ TEST(CliConvert, OneFileTalksLikeACommandLineTool) {
         {{"-q", "in.mp3", "out.adpcm"}, ""},
         {{"-v", "in.mp3", "out.adpcm"},
          "in.mp3: MPEG-2 Layer III, 22050 Hz, mono, 32 kbit/s, 147 frames, 3.84 s\n"
-         "in.mp3: read 84,672 sample frames at 22050 Hz mono (3.84 s) from 147 MP3 frames, 0 "
-         "bytes of tags skipped\nin.mp3: 8000 Hz samples from -27545 to 27266 before the gain; "
-         "the largest gain that wraps none is 1.18; 3.84 s written\n" + wrote},
+         "in.mp3: read 84,672 sample frames at 22050 Hz mono (3.84 s) from 147 MP3 frames\n"
+         "in.mp3: 8000 Hz samples from -27545 to 27266 before the gain; the largest gain that "
+         "wraps none is 1.18; 3.84 s written\nin.mp3: speech level -21.2 dBov before the gain, "
+         "active 86 %\n" + wrote},
         {{"in.mp3", "old.adpcm"}, "wrote 'old.adpcm': 15360 bytes, 3.84 s\n"},
         {{"-q", "in.mp2", "old.adpcm"},
          "kavo: in.mp2: a Layer II frame at byte 0: only MPEG audio Layer III is converted\n"},
@@ -151,9 +157,10 @@ TEST(CliConvert, OneFileTalksLikeACommandLineTool) {
     EXPECT_EQ(run_kavo({"convert", "-v", "mixed.mp3", "out.adpcm"}, dir.path()).err,
               "mixed.mp3: MPEG-1 Layer III, 44100 Hz, mono, 64 kbit/s, 24 frames, 0.58 s; decoded "
               "as 48000 Hz mono\nmixed.mp3: read 27,648 sample frames at 48000 Hz mono (0.58 s) "
-              "from 24 MP3 frames, 0 bytes of tags skipped; the stream changed rate or channels on "
-              "the way\nmixed.mp3: 8000 Hz samples from -21549 to 22177 before the gain; the "
-              "largest gain that wraps none is 1.47; 0.56 s written\nwrote 'out.adpcm': 2240 "
+              "from 24 MP3 frames; the stream changed rate or channels on the way\nmixed.mp3: "
+              "8000 Hz samples from -21549 to 22177 before the gain; the largest gain that wraps "
+              "none is 1.47; 0.56 s written\nmixed.mp3: speech level -9.8 dBov before the gain, "
+              "active 90 %\nwrote 'out.adpcm': 2240 "
               "bytes, 0.56 s\n");
 }
 
@@ -204,6 +211,33 @@ TEST(CliConvert, SaysWhenAndOnlyWhenTheGainWraps) {
         EXPECT_EQ(run.err, c.err) << c.args[0];
         EXPECT_EQ(run.err.find("wrapped") != std::string::npos, report.wrapped > 0 && c.args.size() == 1);
         EXPECT_EQ(read_file(dir.file("out.adpcm")), adpcm) << c.args[0];
+    }
+}
+
+// --level, --peak and --gain max: each output is kavo()'s at the gain the line names (the gain
+// is printed so that it reads back as the same float), and the line says what was reached, or
+// why the gain stayed at 1.0, or that the target was out of reach without wrapping.
+TEST(CliConvert, TargetsNameTheGainAndTheLevelReached) {
+    const std::string speech = "wrote 'out.adpcm': 15360 bytes, 3.84 s, gain ";
+    const std::string silence = "wrote 'out.adpcm': 4560 bytes, 1.14 s, gain 1.0\n";
+    const std::pair<Names, std::string> cases[] = {
+        {{"speech_mono_22k.mp3", "--level", "-26"}, speech + "0.5770771, speech level -26.0 dBov\n"},
+        {{"speech_mono_22k.mp3", "--level", "-3"},
+         "kavo: in.mp3: -3.0 dBov needs gain 8.15, which wraps samples; the largest gain that "
+         "wraps none, 1.1896533, reaches -19.7 dBov\n" + speech + "1.1896533, speech level -19.7 dBov\n"},
+        {{"silence_m25_8k_mono.mp3", "--level", "-26"},
+         "kavo: in.mp3: no speech found to measure a level on; gain 1.0\n" + silence},
+        {{"silence_m25_8k_mono.mp3", "--gain", "max"}, "kavo: in.mp3: silent: no peak to bring up; gain 1.0\n" + silence},
+    };
+    for (const auto& [args, err] : cases) {
+        TempDir dir;
+        write_file(dir.file("in.mp3"), fixture(args[0]));
+        const auto run = run_kavo({"convert", "in.mp3", "out.adpcm", args[1], args[2]}, dir.path());
+        EXPECT_EQ(run.exit_code, 0) << args[1];
+        EXPECT_EQ(run.err, err) << args[0] << " " << args[1];
+        const size_t gain_at = err.rfind(", gain ") + 7;
+        const std::string gain = err.substr(gain_at, err.find_first_of(",\n", gain_at) - gain_at);
+        EXPECT_EQ(read_file(dir.file("out.adpcm")), library_output(fixture(args[0]), gain)) << args[1];
     }
 }
 
@@ -360,7 +394,6 @@ TEST(CliConvert, ARerunWithNoClobberSkipsWhatIsThere) {
         {{"-n", "-v", "a.mp3", "b.mp3"},
          "skipped 'out/a.adpcm': already there\nskipped 'out/b.adpcm': already there\n"
          "converted 0, skipped 2 (already there), 0 failed\n"},
-        {{"-n", "a.mp3", "b.mp3", "c.mp3"}, "converted 0, skipped 3 (already there), 0 failed\n"},
     };
     for (const auto& [tail, err] : runs) {
         Names args = {"convert", "-o", "out"};
@@ -373,24 +406,13 @@ TEST(CliConvert, ARerunWithNoClobberSkipsWhatIsThere) {
     EXPECT_EQ(TempDir::entries_of(dir.file("out")), (Names{"a.adpcm", "b.adpcm", "c.adpcm"}));
 }
 
-// What an output name is decides how it is written, the same through the command and through
-// kavo_convert_file: a file or a new name by a rename into place, a link through to its target
-// (the link stays), a FIFO, a socket or a device in place; a directory, the input itself and
-// a full device are refused, and the command also refuses a second MP3 as an output. Devices
-// are made with mknod where the test may, else /dev/null and /dev/full stand in; their type
-// and device number must be as before.
+// What an output name is decides how it is written, through the command and kavo_convert_file
+// alike: a file by a rename into place, a link through to its target, a FIFO, a socket or a
+// device in place (of the same type and number after); a directory, the input, a full device
+// and (for the command) a second MP3 are refused.
 enum class Made { nothing, file, link, dangling_link, fifo, socket, null_device, full_device, directory, link_to_input, mp3 };
-
-struct OutputCase {
-    const char* name;
-    Made made;
-    int exit_code;  // the command's
-    const char* command_says;
-    int status;  // kavo_convert_file's
-    const char* library_says;
-};
-
-const OutputCase kOutputCases[] = {
+// The output, the command's exit status and words, kavo_convert_file's status and words.
+const std::tuple<const char*, Made, int, const char*, int, const char*> kOutputCases[] = {
     {"a new name", Made::nothing, 0, "wrote ", KAVO_OK, ""},
     {"a file", Made::file, 0, "wrote ", KAVO_OK, ""},
     {"a link", Made::link, 0, "wrote ", KAVO_OK, ""},
@@ -413,28 +435,20 @@ std::string drain(int fd) {
     return got;
 }
 
-// A device node like the system's (character major 1) where mknod works, else the system's.
-std::string device(const TempDir& dir, const char* name, unsigned minor) {
-    const std::string made = dir.file(name);
-    if (geteuid() == 0 && mknod(made.c_str(), S_IFCHR | 0666, makedev(1, minor)) == 0) return made;
-    return std::string("/dev/") + name;
-}
-
 TEST(Outputs, EachKindOfNameGetsWhatAUserExpects) {
     const std::string mp3 = fixture("tone_m1_44k_mono.mp3");
     const std::string converted = library_output(mp3, "1.0");
     ASSERT_EQ(converted.size(), 6240u);
-    for (const OutputCase& c : kOutputCases) {
+    for (const auto& [name, made, exit_code, command_says, status, library_says] : kOutputCases) {
         for (const bool command : {true, false}) {
-            SCOPED_TRACE(std::string(c.name) + (command ? ", command" : ", library"));
+            SCOPED_TRACE(std::string(name) + (command ? ", command" : ", library"));
             TempDir dir;
             write_file(dir.file("in.mp3"), mp3);
             std::string out = dir.file("out.adpcm");
             std::string lands = out;  // where a converted file is to be found
-            int reader = -1;
-            int listener = -1;
-            switch (c.made) {
-                case Made::nothing: break;
+            int reader = -1, listener = -1;  // a FIFO's or socket's reading end
+            sockaddr_un address = {AF_UNIX, {}};
+            switch (made) {
                 case Made::file: write_file(out, "old"); break;
                 case Made::mp3: write_file(out, mp3); break;
                 case Made::directory: std::filesystem::create_directory(out); break;
@@ -443,7 +457,7 @@ TEST(Outputs, EachKindOfNameGetsWhatAUserExpects) {
                 case Made::dangling_link:
                     std::filesystem::create_directory(dir.file("sub"));
                     lands = dir.file("sub/target.adpcm");
-                    if (c.made == Made::link) write_file(lands, "old");
+                    if (made == Made::link) write_file(lands, "old");
                     std::filesystem::create_symlink("sub/target.adpcm", out);
                     break;
                 // The reader is there before the writer comes, and the pipe or socket holds the
@@ -452,60 +466,50 @@ TEST(Outputs, EachKindOfNameGetsWhatAUserExpects) {
                     ASSERT_EQ(mkfifo(out.c_str(), 0666), 0);
                     reader = open(out.c_str(), O_RDONLY | O_NONBLOCK);
                     break;
-                case Made::socket: {
-                    sockaddr_un address = {};
-                    address.sun_family = AF_UNIX;
+                case Made::socket:
                     std::snprintf(address.sun_path, sizeof address.sun_path, "%s", out.c_str());
                     listener = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
                     ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
                     ASSERT_EQ(listen(listener, 1), 0);
                     break;
-                }
-                case Made::null_device: out = device(dir, "null", 3); break;
-                case Made::full_device: out = device(dir, "full", 7); break;
+                case Made::null_device:
+                case Made::full_device:  // a node like the system's where mknod works, else its own
+                    out = made == Made::null_device ? "/dev/null" : "/dev/full";
+                    if (geteuid() == 0 && mknod(dir.file("dev").c_str(), S_IFCHR | 0666,
+                                                makedev(1, made == Made::null_device ? 3 : 7)) == 0)
+                        out = dir.file("dev");
+                    break;
+                case Made::nothing: break;
             }
             struct stat before = {};
             const bool existed = lstat(out.c_str(), &before) == 0;
-            std::string said;
-            bool ok = false;
-            if (command) {
-                const auto run = run_kavo({"convert", "in.mp3", out}, dir.path());
-                said = run.err;
-                ok = run.exit_code == 0;
-                EXPECT_EQ(run.exit_code, c.exit_code) << said;
-                EXPECT_TRUE(has(said, c.command_says)) << said;
-            } else {
-                char message[256] = "unset";
-                const int status = kavo_convert_file(dir.file("in.mp3").c_str(), out.c_str(), 1.0f,
-                                                     nullptr, nullptr, message, sizeof message);
-                said = message;
-                ok = status == KAVO_OK;
-                EXPECT_EQ(status, c.status) << said;
-                EXPECT_TRUE(c.library_says[0] == '\0' ? said.empty() : has(said, c.library_says)) << said;
-            }
-            if (listener >= 0) {
-                reader = accept(listener, nullptr, nullptr);
-                close(listener);
-            }
+            char message[256] = "unset";
+            kavotest::ProcessResult run;
+            if (command) run = run_kavo({"convert", "in.mp3", out}, dir.path());
+            const int code = command ? run.exit_code
+                                     : kavo_convert_file(dir.file("in.mp3").c_str(), out.c_str(), 1.0f,
+                                                         nullptr, nullptr, message, sizeof message);
+            const std::string said = command ? run.err : message;
+            EXPECT_EQ(code, command ? exit_code : status) << said;
+            const std::string says = command ? command_says : library_says;
+            EXPECT_TRUE(says.empty() ? said.empty() : has(said, says)) << said;
+            if (listener >= 0) reader = accept(listener, nullptr, nullptr);
+            if (listener >= 0) close(listener);
             const std::string received = reader >= 0 ? drain(reader) : "";
             struct stat after = {};
-            if (existed && lstat(out.c_str(), &after) == 0) {
-                EXPECT_EQ(after.st_mode & S_IFMT, before.st_mode & S_IFMT) << "the node changed its kind";
-                EXPECT_EQ(after.st_rdev, before.st_rdev);
-            } else {
-                EXPECT_FALSE(existed) << "the node is gone";
-            }
+            EXPECT_EQ(existed, existed && lstat(out.c_str(), &after) == 0) << "the node is gone";
+            EXPECT_EQ(after.st_mode & S_IFMT, before.st_mode & S_IFMT) << "the node changed its kind";
+            EXPECT_EQ(after.st_rdev, before.st_rdev);
             EXPECT_FALSE(has(said, ".part")) << said;
             EXPECT_EQ(read_file(dir.file("in.mp3")), mp3);
             for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path()))
                 EXPECT_FALSE(entry.path().string().ends_with(".part")) << entry.path();
-            if (c.made == Made::fifo || c.made == Made::socket) {
-                EXPECT_EQ(received, converted);
-            } else if (c.made != Made::null_device && c.made != Made::full_device && c.made != Made::directory) {
-                const bool audio = c.made == Made::mp3 || c.made == Made::link_to_input;
-                const std::string old = audio ? mp3 : c.made == Made::file || c.made == Made::link ? "old" : "";
-                EXPECT_TRUE((std::filesystem::exists(lands) ? read_file(lands) : "") == (ok ? converted : old));
-            }
+            const bool stream = made == Made::fifo || made == Made::socket;
+            const bool audio = made == Made::mp3 || made == Made::link_to_input;
+            const std::string old = audio ? mp3 : made == Made::file || made == Made::link ? "old" : "";
+            const bool seen = made != Made::null_device && made != Made::full_device && made != Made::directory;
+            EXPECT_TRUE(!seen || (stream ? received : std::filesystem::exists(lands) ? read_file(lands) : "") ==
+                                     (code == 0 ? converted : old));
         }
     }
 }

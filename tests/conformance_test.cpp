@@ -74,6 +74,7 @@ std::vector<std::pair<long, long>> frame_values(const std::string& bytes) {
 class Conformance : public testing::TestWithParam<ConformanceCase> {};
 
 TEST_P(Conformance, DecodePhaseAgainstReference) {
+    KAVO_NEEDS_CONFORMANCE();
     const ConformanceCase& c = GetParam();
     const std::string base = kavotest::conformance(c.file);
     const std::vector<int16_t> ours = decoded(base + ".bit");
@@ -198,6 +199,7 @@ INSTANTIATE_TEST_SUITE_P(
 // next frame's first granule is decoded from the cleared overlap and history, and from there
 // on the output is the clean stream's again.
 TEST(Concealment, CrcMismatchSilencesTheFrame) {
+    KAVO_NEEDS_CONFORMANCE();
     const std::string path = kavotest::conformance("iso11172-4/l3-hecommon.bit");
     std::string bytes = kavotest::read_file(path);
     const std::vector<size_t> starts = kavotest::walk_frames(bytes, 0);

@@ -64,8 +64,10 @@ int convert_memory(const std::string& mp3, float gain, Collected& out, std::stri
 // bitstream.
 std::vector<std::string> all_inputs() {
     std::vector<std::string> inputs;
-    for (const auto& entry : fs::recursive_directory_iterator(KAVO_SHARED_DIR "/conformance")) {
-        if (entry.path().extension() == ".bit") inputs.push_back(entry.path());
+    if (kavotest::have_conformance()) {
+        for (const auto& entry : fs::recursive_directory_iterator(kavotest::conformance_dir())) {
+            if (entry.path().extension() == ".bit") inputs.push_back(entry.path());
+        }
     }
     for (const auto& entry : fs::directory_iterator(KAVO_FIXTURES_DIR)) {
         if (entry.path().extension().string().starts_with(".mp")) inputs.push_back(entry.path());
@@ -207,12 +209,6 @@ const ErrorCase kErrorCases[] = {
      [](const TempDir& d, Message& m) {
          return file_call(input(d, "tone_m1_44k_mono.mp3"), d.file("no/out.adpcm"), 1.0f, m);
      }},
-    {"OutputIsAFolder", KAVO_ERROR_WRITE, "out.adpcm: Is a directory",
-     [](const TempDir& d, Message& m) {
-         fs::create_directory(d.file("out.adpcm"));
-         write_file(d.file("out.adpcm/kept"), "kept");
-         return file_call(input(d, "tone_m1_44k_mono.mp3"), d.file("out.adpcm"), 1.0f, m);
-     }},
     {"EmptyInput", KAVO_ERROR_FORMAT, "no MPEG audio Layer III frame",
      [](const TempDir&, Message& m) { return memory_call(fixture("empty.mp3"), m); }},
     {"LayerOne", KAVO_ERROR_FORMAT, "Layer I frame at byte 0",
@@ -249,9 +245,6 @@ TEST_P(Errors, StatusAndMessageFromARealCauseAndNothingLeftBehind) {
     EXPECT_STRNE(kavo_status_text(status), kavo_status_text(KAVO_OK));
     // No partial output anywhere in the folder.
     for (const std::string& name : dir.entries()) EXPECT_FALSE(name.ends_with(".part")) << name;
-    if (fs::is_directory(dir.file("out.adpcm"))) {
-        EXPECT_EQ(read_file(dir.file("out.adpcm/kept")), "kept");
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Causes, Errors, testing::ValuesIn(kErrorCases),

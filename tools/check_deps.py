@@ -49,7 +49,7 @@ def scanned_paths():
         yield os.path.join(ROOT, name)
     for top in SCANNED_DIRS:
         for folder, dirs, files in os.walk(os.path.join(ROOT, top)):
-            dirs[:] = [d for d in dirs if d not in ("fixtures", "corpus", "__pycache__")]
+            dirs[:] = [d for d in dirs if d not in ("fixtures", "corpus", "data", "__pycache__")]
             for name in files:
                 yield os.path.join(folder, name)
 

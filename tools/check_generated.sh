@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # Reruns the table generators and fails on any difference with the committed tables, so that
 # a table edited by hand, or a generator changed without regenerating, cannot go unnoticed.
-# Usage: tools/check_generated.sh [SHARED_DIR]   (default: ../shared beside the project)
+# Usage: tools/check_generated.sh [DATA_DIR]   (default: tools/data, the standard's Huffman code
+# lists and synthesis window as verified text, with their consistency check)
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
-shared="${1:-$root/../shared}"
+data="${1:-$root/tools/data}"
 out="$(mktemp -d)"
 trap 'rm -rf "$out"' EXIT
 python3 "$root/tools/gen_filters.py" > "$out/filter_tables.cpp"
-python3 "$root/tools/gen_layer3_tables.py" "$shared/data" "$out"
+python3 "$root/tools/gen_layer3_tables.py" "$data" "$out"
 status=0
 for pair in resample/filter_tables.cpp layer3/huffman_tables.cpp layer3/synthesis_window.cpp \
             layer3/layer3_tables.cpp; do

@@ -148,10 +148,30 @@ typedef struct kavo_settings {
     uint32_t size; /* sizeof(kavo_settings) as the program knows it */
     float gain;    /* every 8000 Hz sample is multiplied by it before coding (default 1.0);
                       the product is truncated toward zero and wraps in 16 bits. Finite. */
+    /* Since the second version: a target the library chooses the gain for (gain is then
+     * ignored). A target needs the whole 8000 Hz signal before the first code: it is kept in
+     * memory, 16 kB a second; without one, memory does not grow with the input. */
+    int32_t target;    /*  8: KAVO_TARGET_* (default KAVO_TARGET_NONE) */
+    float target_db;   /* 12: for KAVO_TARGET_PEAK, dB of full scale, at most 0; for
+                              KAVO_TARGET_LEVEL, dBov. Finite. */
+    int32_t gapless;   /* 16: 1 honours the encoder's header in the first MP3 frame (Xing/Info
+                              with its extension, or VBRI): that frame is not decoded, and the
+                              decoded PCM loses the encoder's delay and padding and the
+                              decoder's 529 samples, giving back the samples that were encoded.
+                              0 (default): every frame decoded, as kavo() does. */
 } kavo_settings;
 
 #define KAVO_SETTINGS_SIZE_1 8u
-#define KAVO_SETTINGS_INIT {(uint32_t)sizeof(kavo_settings), 1.0f}
+#define KAVO_SETTINGS_INIT {(uint32_t)sizeof(kavo_settings), 1.0f, 0, 0.0f, 0}
+
+/* settings.target. Every target is capped at the largest gain that wraps no sample (the
+ * report's max_gain), and leaves the gain at 1.0 when there is nothing to measure. */
+#define KAVO_TARGET_NONE 0     /* the settings' gain */
+#define KAVO_TARGET_PEAK 1     /* the largest magnitude P of the 8000 Hz samples brought to
+                                  target_db: gain 10^(target_db / 20) x 32767 / P */
+#define KAVO_TARGET_LEVEL 2    /* the active speech level (ITU-T P.56 method B) brought to
+                                  target_db dBov */
+#define KAVO_TARGET_MAX_GAIN 3 /* the largest gain that wraps no sample */
 
 /* report.input_kind */
 #define KAVO_INPUT_MP3 1
@@ -185,8 +205,8 @@ typedef struct kavo_report {
     int64_t input_frames;   /* 24: sample frames the conversion takes from the input */
     double input_seconds;   /* 32: input_frames / sample_rate */
     int64_t mp3_frames;     /* 40: MP3 frames decoded (0 for WAV) */
-    int64_t skipped_bytes;  /* 48: bytes of tags (ID3, APE, Lyrics3) and of a RIFF wrapper
-                                   around an MP3 stream, skipped (0 for WAV) */
+    int64_t skipped_bytes;  /* 48: bytes skipped around MP3 audio: tags (ID3v2, ID3v1, APE,
+                                   Lyrics3) and a RIFF WAVE wrapper; 0 for WAV samples */
     int64_t output_bytes;   /* 56: ADPCM bytes written, 80 per 160 samples */
     double output_seconds;  /* 64: output_bytes / 4000 */
     double gain;            /* 72: the gain applied */
@@ -200,13 +220,26 @@ typedef struct kavo_report {
                                    FLT_MAX when lowest >= 0 */
     int64_t wrapped;        /* 112: samples whose product with the gain left the 16-bit range
                                    (trunc(x x gain) > 32767 or < -32768) and wrapped */
+    /* Since the second version. The level is that of the 8000 Hz samples before the gain. */
+    int32_t speech;         /* 120: 1 when the speech level was measured; 0 for silence or
+                                   when nothing was active (level, activity and level_reached
+                                   are then 0) */
+    int32_t gain_capped;    /* 124: 1 when the target asked for a gain that wraps a sample and
+                                   the largest one that wraps none was applied instead */
+    double level;           /* 128: active speech level, dBov (ITU-T P.56 method B) */
+    double activity;        /* 136: the share of the samples that counted as speech, 0..1 */
+    double level_reached;   /* 144: level + 20 log10 |gain| (-inf for gain 0) */
+    int32_t gapless_applied; /* 152: 1 when settings.gapless found an encoder's header and cut
+                                     the decoded PCM (input_frames then counts what was kept, and
+                                     mp3_frames leaves the header frame out) */
+    int32_t padding_1;       /* 156: 0 */
 } kavo_report;
 
 #define KAVO_REPORT_SIZE_1 120u
 /* Every field listed, so that no compiler warns of one missing: append to both together. */
 #define KAVO_REPORT_INIT \
     {(uint32_t)sizeof(kavo_report), 0, 0, 0, 0, 0, 0, 0.0, 0, 0, 0, 0.0, 0.0, 0, 0, 0.0, 0.0, \
-     0.0, 0}
+     0.0, 0, 0, 0, 0.0, 0.0, 0.0, 0, 0}
 
 /* Where a conversion reads and writes. The input: the file input_path, or when input_path is
  * NULL the input_size bytes at input_data. The output: the file output_path (written by what

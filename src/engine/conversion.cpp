@@ -38,6 +38,7 @@
 #endif
 
 #include "adpcm/adpcm_core.h"
+#include "engine/speech_level.h"
 #include "engine/stream_scan.h"
 #include "frame/codec.h"
 #include "frame/frame_sync.h"
@@ -93,7 +94,9 @@ class Decoder : public ValueSource {
 public:
     explicit Decoder(ByteSource& source) : source_(source) {}
 
-    void reset() {
+    // skip_first_frame: the first frame delivered holds the encoder's header, not audio.
+    void reset(bool skip_first_frame) {
+        skip_frame_ = skip_first_frame;
         frames_.sync_state = sync_pending;
         frames_.current = BitPosition{frames_.stream.bytes, 0, 0};
         layer3_reset(layer3_);
@@ -105,7 +108,11 @@ public:
     // Returns the number of values, 0 at the end of the decode.
     int next(int16_t* out) override {
         if (granule_ >= granules_in_frame_) {
-            const FrameRead read = read_frame_from(frames_, reader_, header_, source_);
+            FrameRead read = read_frame_from(frames_, reader_, header_, source_);
+            if (skip_frame_ && read.result == 0) {
+                skip_frame_ = false;
+                read = read_frame_from(frames_, reader_, header_, source_);
+            }
             // The scan has refused inputs with a Layer I or II frame; stop at one all the same.
             if (read.result != 0 || header_.layer != 3) return 0;
             granules_in_frame_ = header_.granules;
@@ -154,6 +161,7 @@ private:
     int32_t granule_ = 0;
     int32_t granules_in_frame_ = 0;
     int32_t carried_error_ = 0;
+    bool skip_frame_ = false;
 };
 
 // The samples of a WAV file, turned into 16-bit values by their encoding's rule, a granule's
@@ -346,8 +354,9 @@ class Conversion {
 public:
     Conversion(EngineInput& input, const kavo_settings& settings, kavo_write_fn write,
                kavo_progress_fn progress, void* user, kavo_report& report)
-        : input_(input), gain_(settings.gain), write_(write), progress_(progress), user_(user),
-          report_(report) {}
+        : input_(input), gain_(settings.gain), target_(settings.target),
+          target_db_(settings.target_db), gapless_(settings.gapless != 0), write_(write),
+          progress_(progress), user_(user), report_(report) {}
 
     int run(char* message, size_t message_size, InputLayout* described);
 
@@ -357,11 +366,15 @@ private:
     int convert(double factor, int64_t n_frames);
     int fail(int status, const char* format, ...) __attribute__((format(printf, 3, 4)));
     bool next_granule();
+    bool apply_gapless(const StreamScan& scan, int64_t& n_frames);
+    bool skip_front();
     size_t read_mono(int16_t* dst, size_t n);
     int take_output(const int16_t* samples, size_t n);
     bool flush_output();
     void report(int percent);
     void note_levels(const int16_t* samples);
+    bool code_frame(int16_t* samples);
+    bool code_held();
     void finish_report();
 
     static size_t read_mono_io(void* context, int16_t* dst, size_t n) {
@@ -373,6 +386,9 @@ private:
 
     EngineInput& input_;
     float gain_;
+    int32_t target_;  // KAVO_TARGET_*: the gain is chosen once every sample is known
+    float target_db_;
+    bool gapless_;
     kavo_write_fn write_;
     kavo_progress_fn progress_;
     void* user_;
@@ -398,6 +414,7 @@ private:
     int channels_ = 1;  // of the last frame delivered: how the decoded values are read back
     int64_t mono_done_ = 0;
     int64_t mono_total_ = 0;  // N
+    int64_t skip_frames_ = 0;  // decoded frames the gapless cut drops before the first of N
 
     // The coder.
     AdpcmState adpcm_{};
@@ -413,6 +430,11 @@ private:
     int16_t lowest_ = INT16_MAX;
     int64_t wrapped_ = 0;
     int64_t frames_coded_ = 0;
+    SpeechLevel speech_;
+    GainChoice choice_;  // what a target chose
+
+    // With a target: every whole frame of 8000 Hz samples, held until the gain is chosen.
+    std::vector<int16_t> held_;
 
     // Declared last, so that it is destroyed first: the decode thread ends before anything
     // it uses goes.
@@ -466,6 +488,7 @@ bool Conversion::next_granule() {
 // Up to n mono samples: N of them in all, past the end of the decoded values as silence.
 size_t Conversion::read_mono(int16_t* dst, size_t n) {
     size_t produced = 0;
+    if (skip_frames_ > 0 && !skip_front()) mono_done_ = mono_total_;
     while (produced < n && mono_done_ < mono_total_) {
         if (value_count_ - value_position_ < channels_) {
             if (!next_granule()) {
@@ -495,6 +518,32 @@ size_t Conversion::read_mono(int16_t* dst, size_t n) {
         mono_done_ += count;
     }
     return produced;
+}
+
+// Drops the decoded frames in front of the gapless cut; false when the decode ends first.
+bool Conversion::skip_front() {
+    while (skip_frames_ > 0) {
+        if (value_count_ - value_position_ < channels_) {
+            if (!next_granule()) return false;
+            continue;
+        }
+        const int64_t count =
+            std::min<int64_t>((value_count_ - value_position_) / channels_, skip_frames_);
+        value_position_ += static_cast<int>(count) * channels_;
+        skip_frames_ -= count;
+    }
+    return true;
+}
+
+// The gapless cut on the decoded frames: n_frames becomes the count kept and skip_frames_ the
+// count in front (the header frame is not decoded). False when a header was not found.
+bool Conversion::apply_gapless(const StreamScan& scan, int64_t& n_frames) {
+    const GaplessPlan plan = plan_gapless(scan);
+    if (!gapless_ || !plan.applies) return false;
+    skip_frames_ = plan.skip_frames;
+    n_frames = plan.keep_frames;
+    granules_total_ -= scan.granules;
+    return true;
 }
 
 bool Conversion::flush_output() {
@@ -536,6 +585,46 @@ void Conversion::finish_report() {
     r.max_gain_low = largest_gain_without_wrap(std::min(0, r.lowest));
     r.max_gain = std::min(r.max_gain_high, r.max_gain_low);
     r.wrapped = wrapped_;
+    r.gain = gain_;
+    r.gain_capped = choice_.capped ? 1 : 0;
+    const SpeechLevel::Result speech = speech_.result();
+    if (speech.active) {
+        r.speech = 1;
+        r.level = speech.level;
+        r.activity = speech.activity;
+        r.level_reached = level_with_gain(speech.level, gain_);
+    }
+}
+
+// Codes one whole frame (the gain changes it in place) into the output, handed on when full.
+bool Conversion::code_frame(int16_t* samples) {
+    note_levels(samples);
+    adpcm_encode_frame(adpcm_, samples, gain_, output_ + output_fill_);
+    ++frames_coded_;
+    output_fill_ += kAdpcmFrameBytes;
+    return output_fill_ < sizeof output_ || flush_output();
+}
+
+// With a target, once the resampler is done: the gain chosen from all the samples, then the
+// samples coded with it.
+bool Conversion::code_held() {
+    int16_t highest = 0;
+    int16_t lowest = 0;
+    if (!held_.empty()) {
+        const auto [low, high] = std::minmax_element(held_.begin(), held_.end());
+        highest = *high;
+        lowest = *low;
+    }
+    switch (target_) {
+    case KAVO_TARGET_PEAK: choice_ = peak_gain(target_db_, highest, lowest); break;
+    case KAVO_TARGET_LEVEL: choice_ = level_gain(target_db_, speech_.result(), highest, lowest); break;
+    default: choice_ = max_gain(highest, lowest); break;
+    }
+    gain_ = choice_.gain;
+    for (size_t at = 0; at < held_.size(); at += kAdpcmFrameSamples) {
+        if (!code_frame(held_.data() + at)) return false;
+    }
+    return true;
 }
 
 // The resampler's output: whole 160-sample frames are coded; a partial frame at the end is not.
@@ -546,12 +635,13 @@ int Conversion::take_output(const int16_t* samples, size_t n) {
         frame_fill_ += static_cast<int>(count);
         i += count;
         if (frame_fill_ < kAdpcmFrameSamples) break;
-        note_levels(frame_);
-        adpcm_encode_frame(adpcm_, frame_, gain_, output_ + output_fill_);
-        ++frames_coded_;
         frame_fill_ = 0;
-        output_fill_ += kAdpcmFrameBytes;
-        if (output_fill_ == sizeof output_ && !flush_output()) return 1;
+        speech_.add(frame_, kAdpcmFrameSamples);
+        if (target_ != KAVO_TARGET_NONE) {
+            held_.insert(held_.end(), frame_, frame_ + kAdpcmFrameSamples);
+        } else if (!code_frame(frame_)) {
+            return 1;
+        }
     }
     return 0;
 }
@@ -590,13 +680,16 @@ int Conversion::run_mpeg() {
     // size and block align as the header holds them), M = N x 8000 / rate, rounded.
     channels_ = scan.last_channels;
     const auto data_size = static_cast<int32_t>(static_cast<uint32_t>(2 * scan.pcm_values));
-    const int64_t n_frames = data_size / (2 * channels_);
+    int64_t n_frames = data_size / (2 * channels_);
     const double factor = 8000.0 / scan.last_rate;
     const double m_frames = std::trunc(static_cast<double>(n_frames) * factor + 0.5);
     if (2 * scan.pcm_values > INT32_MAX || n_frames < 1 || !(m_frames >= 1.0)) {
         return fail(KAVO_ERROR_FORMAT, "the input is too long: %lld decoded values",
                     static_cast<long long>(scan.pcm_values));
     }
+    granules_total_ = scan.pcm_frames / kGranuleSamples;
+    // With the gapless cut, N counts the frames kept and M follows it.
+    const bool gapless = apply_gapless(scan, n_frames);
     static constexpr int32_t kEncodings[4] = {KAVO_ENCODING_MPEG25_LAYER3, 0,
                                               KAVO_ENCODING_MPEG2_LAYER3,
                                               KAVO_ENCODING_MPEG1_LAYER3};
@@ -607,11 +700,19 @@ int Conversion::run_mpeg() {
     report_.format_changed = scan.format_changed ? 1 : 0;
     report_.input_frames = n_frames;
     report_.input_seconds = static_cast<double>(n_frames) / scan.last_rate;
-    report_.mp3_frames = scan.layer3_frames;
-    granules_total_ = scan.pcm_frames / kGranuleSamples;
+    report_.mp3_frames = scan.layer3_frames - (gapless ? 1 : 0);
+    report_.gapless_applied = gapless ? 1 : 0;
+    if (!(std::trunc(static_cast<double>(n_frames) * factor + 0.5) >= 1.0)) {
+        // The gapless cut leaves less than one 8000 Hz sample: the output is empty.
+        report(0);
+        report(100);
+        finish_report();
+        if (message_ != nullptr && message_size_ > 0) message_[0] = '\0';
+        return KAVO_OK;
+    }
 
     range_.position = range_.begin;
-    decoder_.reset();
+    decoder_.reset(gapless);
     feed_.start(decoder_, want_decode_thread());
     return convert(factor, n_frames);
 }
@@ -651,6 +752,9 @@ int Conversion::convert(double factor, int64_t n_frames) {
     mono_total_ = n_frames;
     adpcm_init(adpcm_);
     report(0);
+    if (target_ != KAVO_TARGET_NONE) {
+        held_.reserve(static_cast<size_t>(m_frames) / kAdpcmFrameSamples * kAdpcmFrameSamples);
+    }
 
     const FilterSet filter = largeFilter();
     ResampleIo io{read_mono_io, write_io, nullptr, this, nullptr};
@@ -661,6 +765,10 @@ int Conversion::convert(double factor, int64_t n_frames) {
     // conversion (as the decode on demand would be), stopped at once after a failure.
     if (written >= 0 && written != kResampleStopped && !stopped_) feed_.drain();
     feed_.stop();
+    if (target_ != KAVO_TARGET_NONE && written >= 0 && !stopped_ &&
+        !input_.failed(input_.reader.context) && !code_held()) {
+        stopped_ = true;
+    }
     finish_report();
     if (written == kResampleStopped || stopped_) return fail(KAVO_ERROR_STOPPED, "the write function asked to stop");
     if (written < 0) return fail(KAVO_ERROR_FORMAT, "resampling failed: %s", io.failure != nullptr ? io.failure : "");
@@ -678,7 +786,7 @@ int Conversion::convert(double factor, int64_t n_frames) {
 // its own frame's channel count (raw, or behind the 44-byte header that the scan can fill in at
 // once), or as 24-bit hexadecimal text, one line per sample.
 int run_decode(EngineInput& input, OutputForm form, kavo_write_fn write, void* user,
-               char* message, size_t message_size, InputLayout* described) {
+               char* message, size_t message_size, InputLayout* described, bool gapless) {
     auto fail = [&](int status, const std::string& text) {
         if (message != nullptr && message_size > 0) std::snprintf(message, message_size, "%s", text.c_str());
         return status;
@@ -715,23 +823,32 @@ int run_decode(EngineInput& input, OutputForm form, kavo_write_fn write, void* u
             out.clear();
             return !stopped;
         };
+        // The values written: all of them, or those the gapless cut keeps (frames of the last
+        // frame's channel count, counted behind the header frame, which is not decoded).
+        const GaplessPlan plan = gapless ? plan_gapless(scan) : GaplessPlan{};
+        const int64_t first = plan.applies ? plan.skip_frames * scan.last_channels : 0;
+        const int64_t end = plan.applies ? first + plan.keep_frames * scan.last_channels : INT64_MAX;
+        int64_t index = 0;  // of the next value decoded
         if (form == OutputForm::wav) {
             uint8_t header[kWavHeaderSize];
             // The file's length as the header holds it: 32 bits, as a file stream would tell it.
-            const auto length = static_cast<uint32_t>(kWavHeaderSize + 2 * scan.pcm_values);
+            const int64_t values = plan.applies ? end - first : scan.pcm_values;
+            const auto length = static_cast<uint32_t>(kWavHeaderSize + 2 * values);
             make_wav_header(header, length, scan.last_channels, scan.last_rate);
             out.insert(out.end(), header, header + kWavHeaderSize);
         }
         range.position = range.begin;
         auto decoder = std::make_unique<Decoder>(source);
-        decoder->reset();
+        decoder->reset(plan.applies);
         int16_t values[kGranuleValues];
-        for (int count; (count = decoder->next(values)) != 0;) {
+        for (int count; index < end && (count = decoder->next(values)) != 0; index += count) {
+            const auto kept = [&](int value) { return index + value >= first && index + value < end; };
             if (form == OutputForm::text) {
                 const int channels = count / kGranuleSamples;
                 char line[16];
                 for (int i = 0; i < kGranuleSamples; ++i) {
                     for (int ch = 0; ch < channels; ++ch) {
+                        if (!kept(i * channels + ch)) continue;
                         // The text stream of the decode phase ends its lines the platform's way.
 #if defined(_WIN32)
                         const int n = std::snprintf(line, sizeof line, "%06x\r\n", pcm_sample24(decoder->samples(ch)[i]));
@@ -743,6 +860,7 @@ int run_decode(EngineInput& input, OutputForm form, kavo_write_fn write, void* u
                 }
             } else {
                 for (int i = 0; i < count; ++i) {
+                    if (!kept(i)) continue;
                     const auto v = static_cast<uint16_t>(values[i]);
                     out.push_back(static_cast<uint8_t>(v & 0xFFu));
                     out.push_back(static_cast<uint8_t>(v >> 8));

@@ -37,8 +37,11 @@ int run_engine(EngineInput& input, const kavo_settings& settings, kavo_write_fn 
 // Decodes the MPEG audio of input into 16-bit PCM exactly as the decode phase writes its file
 // in the given form (raw, WAV or text), handed to write in blocks. Inputs are refused as the
 // conversion refuses them (a WAV file too: it holds no MPEG audio), before the first write.
+// With gapless, only the values the gapless cut keeps (engine/gapless.h), as the conversion
+// reads them.
 int run_decode(EngineInput& input, OutputForm form, kavo_write_fn write, void* user,
-               char* message, size_t message_size, InputLayout* described = nullptr);
+               char* message, size_t message_size, InputLayout* described = nullptr,
+               bool gapless = false);
 
 // The negative gain of largest magnitude that wraps none of the samples the report
 // describes (the report's max_gain is the positive one).

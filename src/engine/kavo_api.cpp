@@ -99,6 +99,16 @@ int convert(const kavo_io& io, const kavo_settings& settings, kavo_report* repor
     if (!std::isfinite(settings.gain)) {
         return refuse(message, message_size, "the gain is not a finite number");
     }
+    if (settings.target < KAVO_TARGET_NONE || settings.target > KAVO_TARGET_MAX_GAIN) {
+        return refuse(message, message_size, "the target is not one of KAVO_TARGET_*");
+    }
+    if ((settings.target == KAVO_TARGET_PEAK || settings.target == KAVO_TARGET_LEVEL) &&
+        !std::isfinite(settings.target_db)) {
+        return refuse(message, message_size, "the target's dB value is not a finite number");
+    }
+    if (settings.target == KAVO_TARGET_PEAK && settings.target_db > 0.0f) {
+        return refuse(message, message_size, "a peak target is at most 0 dB (full scale)");
+    }
     FileInput in{nullptr};
     try {
         MemoryInput memory{static_cast<const uint8_t*>(io.input_data),

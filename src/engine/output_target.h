@@ -1,10 +1,6 @@
-// Writing an output by what its name is. A regular file, or a name not taken yet, is written
-// beside its final name and renamed into place only when complete; a symbolic link is followed
-// and its target is what gets written (the link stays, and a dangling link's target is created,
-// as the shell's ">" does); a character device, a FIFO or a socket is written in place as a
-// stream, with no temporary file and no rename; "-" is standard output where the caller allows
-// it; a directory or a block device is refused. Every reason given is a cause ("Is a
-// directory"), never a temporary name: the caller names its own path around it.
+// Writing an output by what its name is, for the library's kavo_convert_file and every
+// subcommand of the command: a file through a partial file renamed into place, a link through
+// to its target, a device, FIFO or socket in place as a stream, "-" as standard output.
 #pragma once
 
 #include <cstddef>
@@ -21,6 +17,12 @@ bool same_file(const std::string& a, const std::string& b);
 // or at the end of its links. A device, FIFO or socket replaces nothing when written.
 bool output_exists(const std::string& path);
 
+// A regular file, or a name not taken yet, is written beside its final name and renamed into
+// place only when complete. A symbolic link is followed and its target is what gets written:
+// the link stays, and a dangling link's target is created, as the shell's ">" does. A
+// character device, a FIFO or a socket is written in place, with no temporary file and no
+// rename. A directory or a block device is refused. Every reason given is a cause ("Is a
+// directory"), never a temporary name: the caller names its own path around it.
 class OutputTarget {
   public:
     enum class Kind { none, file, stream, standard_output };

@@ -4,6 +4,7 @@
 // decode will see.
 #include "engine/stream_scan.h"
 
+#include <algorithm>
 #include <memory>
 
 #include "engine/memory_source.h"
@@ -17,6 +18,18 @@ struct ScanState {
     BitReader reader;
     FrameHeader header;
 };
+
+// The encoder's header in the frame just delivered, whose bytes lie in the circular stream
+// buffer from its header on.
+EncoderHeader first_frame_header(const FrameState& frames, const FrameHeader& header) {
+    uint8_t bytes[kEncoderHeaderBytes];
+    const auto size =
+        std::min(kEncoderHeaderBytes, static_cast<size_t>(std::max(header.frame_length, 0)));
+    const int32_t start = (frames.current.byte_index - 4 + kStreamBufferSize) % kStreamBufferSize;
+    for (size_t i = 0; i < size; ++i)
+        bytes[i] = frames.stream.bytes[(start + static_cast<int32_t>(i)) % kStreamBufferSize];
+    return parse_encoder_header(bytes, size, header.id, header.channels);
+}
 
 }  // namespace
 
@@ -42,6 +55,7 @@ StreamScan scan_stream(ByteSource& source) {
             scan.bitrate_kbps = bitrate_kbps(header.layer, header.id, header.bitrate_index);
             scan.free_format = header.bitrate_index == 0;
             scan.granules = header.granules;
+            scan.encoder = first_frame_header(frames, header);
         }
         ++scan.frame_count;
         if (layer != 3) {
@@ -67,6 +81,14 @@ StreamScan scan_stream(ByteSource& source) {
             static_cast<double>(scan.pcm_frames) / static_cast<double>(scan.last_rate);
     }
     return scan;
+}
+
+GaplessPlan plan_gapless(const StreamScan& scan) {
+    if (!scan.encoder.found || scan.layer3_frames == 0) return GaplessPlan{};
+    const int64_t header_values = int64_t{576} * scan.granules * scan.channels;
+    const int64_t decoded = (scan.pcm_values - header_values) / scan.last_channels;
+    const GaplessCut cut = gapless_cut(scan.encoder, decoded, scan.layer3_frames - 1);
+    return GaplessPlan{true, header_values, cut.skip, cut.keep};
 }
 
 StreamScan scan_stream(const uint8_t* bytes, size_t size) {

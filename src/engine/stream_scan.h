@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "engine/gapless.h"
 #include "frame/frame_sync.h"
 
 namespace kavolib {
@@ -25,6 +26,7 @@ struct StreamScan {
     int32_t bitrate_kbps;      // 0 for free format
     bool free_format;
     int32_t granules;          // per frame: 2 for MPEG-1 Layer III, 1 for MPEG-2/2.5
+    EncoderHeader encoder;     // the encoder's header it holds, if any (encoder.found)
 
     // The last frame delivered (before any Layer I/II frame): its rate and channel count
     // describe the whole decoded PCM, as the decoded file's WAV header does.
@@ -43,6 +45,17 @@ struct StreamScan {
     int32_t layer12_layer;     // 1 or 2 (0 when none)
     int64_t layer12_offset;    // byte offset of its header in the input (-1 when none)
 };
+
+// The gapless cut that the encoder's header of the first frame asks for, in the decoded values
+// (frames of last_channels, as the decoded file is read): the header frame's values are not
+// decoded, then skip_frames are dropped and keep_frames kept. applies is false without a header.
+struct GaplessPlan {
+    bool applies;
+    int64_t header_values;
+    int64_t skip_frames;
+    int64_t keep_frames;
+};
+GaplessPlan plan_gapless(const StreamScan& scan);
 
 // Scans the input from source to its end (or to the first Layer I or II frame). Never fails:
 // an input without frames gives frame_count 0; a read error looks like the end of the input,

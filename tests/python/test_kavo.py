@@ -60,6 +60,28 @@ class KavoModule(unittest.TestCase):
         self.assertEqual(kavo.convert(mp3, gain=result.max_gain).wrapped, 0)
         self.assertGreater(kavo.convert(mp3, gain=result.max_gain * (1 + 2 ** -22)).wrapped, 0)
 
+    def test_gapless(self):
+        # lame's file: the 66150 frames mpg123 keeps, the command's bytes; no header: no change.
+        mp3, plain = (os.path.join(FIXTURES, f) for f in ("tone_m1_44k_joint.mp3", "speech_mono_22k.mp3"))
+        result, out = kavo.convert(mp3, gapless=True), os.path.join(self.tmp, "gapless.adpcm")
+        self.assertEqual((result.gapless_applied, result.input_frames, result.mp3_frames), (True, 66150, 59))
+        subprocess.run([os.environ["KAVO_CLI"], "convert", "--gapless", mp3, out], check=True, capture_output=True)
+        self.assertEqual(read(out), result.adpcm)
+        self.assertFalse(kavo.convert(plain, gapless=True).gapless_applied)
+        self.assertEqual(kavo.convert(plain, gapless=True).adpcm, kavo.convert(plain).adpcm)
+
+    def test_targets_match_the_command(self):
+        for name, option, value, keyword in [("speech_mono_22k.mp3", "--level", "-26", {"level": -26}),
+                                             ("tone_m1_44k_stereo.mp3", "--peak", "-1", {"peak": -1}),
+                                             ("silence_m25_8k_mono.mp3", "--gain", "max", {"gain": "max"})]:
+            out = os.path.join(self.tmp, "command.adpcm")
+            subprocess.run([os.environ["KAVO_CLI"], "convert", os.path.join(FIXTURES, name), out,
+                            option, value], check=True, capture_output=True)
+            result = kavo.convert(os.path.join(FIXTURES, name), **keyword)
+            self.assertEqual(result.adpcm, read(out), name)
+            self.assertEqual(result.level is None, name.startswith("silence"))
+        self.assertRaises(ValueError, kavo.convert, b"", gain=2.0, level=-26)
+
     def test_layer2_input_raises_and_keeps_the_existing_output(self):
         layer2 = os.path.join(FIXTURES, "layer2_m1_44k_stereo.mp2")
         out = os.path.join(self.tmp, "out.adpcm")

@@ -119,8 +119,16 @@ void write_file(const std::string& path, const std::string& bytes) {
 
 std::string fixture(const std::string& name) { return std::string(KAVO_FIXTURES_DIR) + "/" + name; }
 
-std::string conformance(const std::string& name) {
-    return std::string(KAVO_SHARED_DIR) + "/conformance/" + name;
+std::string conformance_dir() {
+    const char* dir = std::getenv("KAVO_CONFORMANCE_DIR");
+    return dir != nullptr && dir[0] != '\0' ? dir : KAVO_CONFORMANCE_DIR;
 }
+
+bool have_conformance() {
+    std::error_code error;
+    return fs::is_directory(conformance_dir(), error);
+}
+
+std::string conformance(const std::string& name) { return conformance_dir() + "/" + name; }
 
 }  // namespace kavotest

@@ -56,6 +56,20 @@ private:
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes);
 std::string fixture(const std::string& name);      // path of a committed fixture
+// The MPEG audio conformance bitstreams with their reference PCM: the folder named by the
+// environment variable KAVO_CONFORMANCE_DIR, else the one the build was configured with (by
+// default ../shared/conformance beside the project). Users who clone the repository alone do
+// not have it: the tests that need it skip, naming the folder.
+std::string conformance_dir();
+bool have_conformance();
 std::string conformance(const std::string& name);  // path below the conformance folder
+
+// Skips the running test, with the reason on one line, when the conformance folder is missing.
+#define KAVO_NEEDS_CONFORMANCE()                                                               \
+    do {                                                                                       \
+        if (!kavotest::have_conformance())                                                     \
+            GTEST_SKIP() << "no conformance bitstreams in " << kavotest::conformance_dir()     \
+                         << " (set KAVO_CONFORMANCE_DIR)";                                     \
+    } while (false)
 
 }  // namespace kavotest
