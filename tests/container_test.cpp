@@ -173,7 +173,7 @@ TEST_P(Wav, EveryEncodingConvertsLikeThe16BitWavSoxMakesOfIt) {
     // header puts the RIFF size at byte 4 and the data size at byte 40.
     auto patched = [&](uint32_t riff, uint32_t data) {
         std::string bytes = lin;
-        for (int i = 0; i < 4; ++i) {
+        for (size_t i = 0; i < 4; ++i) {
             bytes[4 + i] = static_cast<char>(riff >> (8 * i));
             bytes[40 + i] = static_cast<char>(data >> (8 * i));
         }
