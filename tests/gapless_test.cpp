@@ -58,7 +58,7 @@ TEST(Gapless, DecodesWhatTheReferenceDecodes) {
         const std::vector<int16_t> gapless = kavotest::s16(wav_bytes, 44);
         const std::vector<int16_t> plain =
             kavotest::s16(kavotest::read_file(dir.file("plain.pcm")));
-        const auto le16 = [&](int at) {
+        const auto le16 = [&](size_t at) {
             return static_cast<uint8_t>(wav_bytes[at]) | static_cast<uint8_t>(wav_bytes[at + 1])
                                                              << 8;
         };
@@ -93,7 +93,7 @@ TEST(Gapless, DecodesWhatTheReferenceDecodes) {
             kavo({"convert", "-q", wav, dir.file("wav.adpcm")});
             EXPECT_EQ(kavotest::read_file(dir.file("wav.adpcm")), adpcm);
         }
-        std::printf("%-32s %7ld frames kept of %7zu, max |diff| %d\n", c.file, n, plain.size() / ch,
+        std::printf("%-32s %7ld frames kept of %7zu, max |diff| %d\n", c.file, n, plain.size() / static_cast<size_t>(ch),
                     max_diff);
     }
 }

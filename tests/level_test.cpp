@@ -25,8 +25,9 @@ using kavotest::Samples;
 kavolib::SpeechLevel::Result direct(const Samples& signal) {
     const double g = std::exp(-1.0 / (8000 * 0.03));
     double p = 0, q = 0, sum = 0;
-    std::vector<double> active(15, 0);
-    std::vector<int> hangover(15, 1600);
+    double active[15] = {};
+    int hangover[15];
+    std::fill(std::begin(hangover), std::end(hangover), 1600);
     for (const int16_t v : signal) {
         const double x = v / 32768.0;
         sum += x * x;

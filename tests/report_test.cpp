@@ -79,7 +79,7 @@ TEST_P(Report, FiguresAreWhatTheFileStagesMakeAndTheGainsArithmetic) {
     const std::string decoded = read_file(dir.file("d.wav"));
     const uint32_t rate = u32(decoded, 24);
     const int channels = static_cast<uint8_t>(decoded[22]);
-    const int64_t frames = u32(decoded, 40) / (2 * channels);
+    const int64_t frames = u32(decoded, 40) / (2u * static_cast<uint32_t>(channels));
     kavotest::Samples pcm8k = kavotest::s16(read_file(dir.file("r.wav")), 44);
     pcm8k.resize(pcm8k.size() / 160 * 160);  // the coder takes whole frames
     ASSERT_FALSE(pcm8k.empty());
