@@ -88,7 +88,10 @@ int main(int argc, char** argv) {
         {kExitUsage, "a usage error or a refused argument; nothing is written"},
         {130, "interrupted by Ctrl-C (SIGINT): partial outputs removed, existing ones kept"},
         {143, "stopped by SIGTERM: partial outputs removed, existing ones kept"}}));
-    app.footer("Exit status: 0 success, 1 a conversion failed, 2 a usage error, 130 or 143\n"
+    app.footer("Output: headerless 4-bit ADPCM, 8000 Hz mono, 4000 bytes a second. The coder works on\n"
+               "full 16-bit samples, so a standard G.726 decoder (14-bit levels) plays it about 12 dB\n"
+               "hot and clips; --gain 0.25 (a linear factor) gives about the source's level there.\n\n"
+               "Exit status: 0 success, 1 a conversion failed, 2 a usage error, 130 or 143\n"
                "interrupted (--help-all says more). Run kavo SUBCOMMAND --help for more.");
 
     ConvertOptions convert_options;
