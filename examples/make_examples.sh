@@ -7,15 +7,17 @@ set -euo pipefail
 cd "$(dirname "$0")"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-say() {  # say NAME TEXT
-  espeak-ng -v en -s 160 -w "$work/$1.wav" "$2"
-  sox -D "$work/$1.wav" -r 44100 "$work/$1_44k.wav"
-  lame --quiet --noreplaygain --cbr -b 64 -m m "$work/$1_44k.wav" "prompts/$1.mp3"
+say() {  # say FOLDER/NAME TEXT
+  local name=${1##*/}
+  mkdir -p "${1%/*}"
+  espeak-ng -v en -s 160 -w "$work/$name.wav" "$2"
+  sox -D "$work/$name.wav" -r 44100 "$work/${name}_44k.wav"
+  lame --quiet --noreplaygain --cbr -b 64 -m m "$work/${name}_44k.wav" "$1.mp3"
 }
-mkdir -p prompts
-say welcome "Welcome to the support line. Your call is important to us."
-say hold "Please hold the line. One of our agents will be with you shortly."
-say goodbye "Thank you for calling. Goodbye."
-say you_have "You have"
-say three "three"
-say new_messages "new messages"
+# A set of prompts, and the pieces of a message played back to back.
+say prompts/welcome "Welcome to the support line. Your call is important to us."
+say prompts/hold "Please hold the line. One of our agents will be with you shortly."
+say prompts/goodbye "Thank you for calling. Goodbye."
+say pieces/you_have "You have"
+say pieces/three "three"
+say pieces/new_messages "new messages"
