@@ -46,10 +46,12 @@ export BENCH_PERF
 model=$(awk -F ': ' '/^model name/ { print $2; exit }' /proc/cpuinfo)
 [ -n "$model" ] || model=$(lscpu | awk -F ': *' '/^Model name/ { print $2; exit }')
 features=""
-for flag in avx2 avx512f; do cpu_has "$flag" && features+="${features:+ }$flag"; done
+for flag in avx2 avx512f; do
+  if cpu_has "$flag"; then features+="${features:+ }$flag"; fi
+done
 path=$(vector_path_of "")
 cxx=$(awk -F= '/^CMAKE_CXX_COMPILER:/ { print $2 }' build/CMakeCache.txt)
-compiler=$("$cxx" --version | awk 'NR == 1')
+compiler=$("${cxx:-c++}" --version 2>/dev/null | awk 'NR == 1' || true)
 commit=$(git rev-parse --short HEAD 2>/dev/null || echo unknown)
 [ -z "$(git status --porcelain --untracked-files=no 2>/dev/null)" ] || commit+=" with changes"
 when=$(date -u '+%Y-%m-%d %H:%M UTC')
@@ -57,7 +59,7 @@ v_mpg123=$(mpg123 --version | awk 'NR == 1 { print $2 }')
 v_ffmpeg=$(ffmpeg -version | awk 'NR == 1 { print $3 }')
 v_sox=$(sox --version | awk '{ sub(/^v/, "", $NF); print $NF }')
 v_lame=$(lame --version | awk 'NR == 1 { for (i = 1; i < NF; i++) if ($i == "version") print $(i + 1) }')
-v_perf=$(perf --version | awk '{ print $NF }')
+v_perf=$(perf --version 2>/dev/null | awk '{ print $NF }' || true)
 if [ "$BENCH_PERF" = yes ]; then counters="perf counts instructions:u"
 else counters="perf cannot count instructions here ($BENCH_PERF): the tables carry no instruction counts"
 fi
@@ -89,13 +91,14 @@ for part in ${BENCH_PARTS:-decode convert engine adpcm resample prompts}; do
   echo "== $part"
   read -r busy0 steal0 total0 < <(ticks)
   own0=$(own_ticks)
+  part_start=$(date +%s)
   bash "bench/parts/$part.sh" "$data"
   read -r busy1 steal1 total1 < <(ticks)
   own1=$(own_ticks)
   others=$(percent $((busy1 - busy0 - (own1 - own0))) $((total1 - total0)))
   others=$(awk -v o="$others" 'BEGIN { printf "%.1f", (o < 0) ? 0 : o }')
-  note "While this part ran, other processes used $others % of the processors' time and steal" \
-    "took $(percent $((steal1 - steal0)) $((total1 - total0))) %."
+  note "In the $(( $(date +%s) - part_start )) s this part ran, other processes used $others % of" \
+    "the processors' time and steal took $(percent $((steal1 - steal0)) $((total1 - total0))) %."
 done
 
 read -r end1 end5 end15 _ </proc/loadavg

@@ -30,7 +30,7 @@ contestants+=(ffmpeg ffmpeg_run)
 alternate "$runs" "${contestants[@]}"
 
 avx512=no
-cpu_has avx512f && avx512=yes
+if cpu_has avx512f; then avx512=yes; fi
 # The goals: at most 0.85 of mpg123's user time where the processor has AVX-512 (on the path
 # kavo takes there), at most 1.0 on the AVX2 path.
 goals_of() {  # goals_of PATH auto|forced|none RATIO
@@ -70,7 +70,9 @@ table_end
 processor="the processor has AVX2: $(cpu_has avx2 && echo yes || echo no), AVX-512F: $avx512"
 if [ "$auto" = avx2 ]; then
   how="kavo takes the AVX2 path itself ($processor), so its own choice is the AVX2 path"
-  [ "$avx512" = yes ] && how+="; it takes no AVX-512 path, so on this processor both goals apply to that row"
+  if [ "$avx512" = yes ]; then
+    how+="; it takes no AVX-512 path, so on this processor both goals apply to that row"
+  fi
 elif [ "$forced" = avx2 ]; then
   how="kavo takes $auto itself ($processor); the AVX2 path is measured forced with KAVO_VECTOR_PATH=avx2"
 else
