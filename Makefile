@@ -72,6 +72,9 @@ fuzz: deps
 	  grep -E '^#[0-9]+[[:space:]]+(INITED|DONE)|^stat::' $$t.log; \
 	done
 
+# The machine, kavo's vector path, the tools' versions and the load first, then each stage
+# against its reference tool as ratios of medians over alternating runs; the tables also go to
+# build/bench-report.md. Figures taken at a load above 0.5 per core are marked UNRELIABLE.
 bench: release
 	bash bench/run.sh
 

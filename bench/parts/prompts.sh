@@ -2,8 +2,9 @@
 # A folder of prompts: 200 four-second speech prompts (espeak-ng, 22.05 kHz mono, lame at
 # 32 kbit/s; made once and kept in the data folder) converted by one kavo convert -j 2 into a
 # directory, next to ffmpeg's MP3 -> 8000 Hz mono G.726 (32 kbit/s) run on the same files by
-# xargs -P 2. Best of three wall times each, and the peak resident memory of the largest
-# process of the run (/usr/bin/time %M).
+# xargs -P 2, each on one thread. Wall and CPU time as ratios of medians over alternating runs
+# (fewer rounds than the other parts: ffmpeg starts 200 processes in each), and the peak
+# resident memory of the largest process of the run (/usr/bin/time %M).
 set -euo pipefail
 mkdir -p "$1"
 data=$(cd "$1" && pwd)
@@ -31,15 +32,33 @@ fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-run_best kavo "$kavo" convert -q -j 2 "$prompts"/*.mp3 -o "$work/out"
-[ "$(ls "$work/out" | wc -l)" -eq "$count" ] || { echo "kavo convert did not write $count files"; exit 1; }
-run_best ffmpeg sh -c 'printf "%s\n" "$1"/*.mp3 | xargs -P 2 -I{} sh -c '\''ffmpeg -v error -y -i "$1" -ac 1 -ar 8000 -c:a g726le -f g726le "$2/$(basename "$1" .mp3).g726"'\'' _ {} "$2"' _ "$prompts" "$work/out"
-[ "$(ls "$work/out" | wc -l)" -eq "$count" ] || { echo "ffmpeg did not write $count files"; exit 1; }
+kavo_folder() { "$@" "$kavo" convert -q -j 2 "$prompts"/*.mp3 -o "$work/out"; }
+ffmpeg_folder() {
+  "$@" sh -c 'printf "%s\n" "$1"/*.mp3 | xargs -P 2 -I{} sh -c '\''ffmpeg -v error -y -threads 1 -i "$1" -ac 1 -ar 8000 -c:a g726le -threads 1 -f g726le "$2/$(basename "$1" .mp3).g726"'\'' _ {} "$2"' _ "$prompts" "$work/out"
+}
+after_run() {  # every prompt converted, in every run
+  [ "$(ls "$work/out" | wc -l)" -eq "$count" ] || { echo "$1 did not write $count files" >&2; exit 1; }
+}
+prompt_runs=${BENCH_PROMPT_RUNS:-5}
+alternate "$prompt_runs" kavo kavo_folder ffmpeg ffmpeg_folder
 
-read -r tk mk <"$work/kavo"
-read -r tf mf <"$work/ffmpeg"
-printf 'input: %d prompts of 4 s, 22.05 kHz mono, 32 kbit/s (%s bytes in all)\n' "$count" \
-  "$(cat "$prompts"/*.mp3 | wc -c)"
-printf '  kavo convert -j 2 -o DIR  %6.2f s  peak %6d KB\n' "$tk" "$mk"
-printf '  xargs -P 2 ffmpeg g726le  %6.2f s  peak %6d KB\n' "$tf" "$mf"
-printf '  kavo / ffmpeg time ratio: %.3f (goal: 0.100 or less)\n' "$(echo "$tk / $tf" | bc -l)"
+printf 'input: %d prompts of 4 s, 22.05 kHz mono, 32 kbit/s (%s bytes in all); median of %d alternating runs\n' \
+  "$count" "$(cat "$prompts"/*.mp3 | wc -c)" "$prompt_runs"
+table "A folder of prompts: kavo convert -j 2 against ffmpeg by xargs -P 2 ($count files, medians of $prompt_runs alternating runs)" \
+  "measure" "kavo" "ffmpeg" "kavo / ffmpeg" "per-round ratios" "goal"
+k=$(median kavo wall)
+f=$(median ffmpeg wall)
+row "wall" "$(seconds "$k")" "$(seconds "$f")" "$(ratio "$k" "$f")" "$(spread kavo ffmpeg wall)" \
+  "$(awk -v r="$k" -v b="$f" 'BEGIN { printf "at most 0.100: %s (%.3f)", (r / b <= 0.1) ? "met" : "not met", r / b }')"
+k=$(median kavo cpu)
+f=$(median ffmpeg cpu)
+row "CPU (user + system)" "$(seconds "$k")" "$(seconds "$f")" "$(ratio "$k" "$f")" \
+  "$(spread kavo ffmpeg cpu)" -
+k=$(median kavo peak)
+f=$(median ffmpeg peak)
+row "peak memory, largest process" "$(megabytes "$k")" "$(megabytes "$f")" "$(ratio "$k" "$f")" \
+  "$(spread kavo ffmpeg peak)" -
+table_end
+note "Commands: \`kavo convert -q -j 2 DIR/*.mp3 -o OUT\` against \`xargs -P 2\` running" \
+  "\`ffmpeg -v error -y -threads 1 -i IN -ac 1 -ar 8000 -c:a g726le -threads 1 -f g726le OUT\` per file;" \
+  "every run is checked to have written all $count files."

@@ -1,29 +1,35 @@
 #!/usr/bin/env bash
 # The resample stage (kavo resample: 44.1 kHz mono WAV to 8000 Hz) against sox on the same
-# 10-minute file, best of three runs each, and the ratio of the two.
+# 10-minute file, CPU and wall time of each whole process as ratios of medians over
+# alternating runs.
 set -euo pipefail
-data=$1
-mkdir -p "$data"
+mkdir -p "$1"
+data=$(cd "$1" && pwd)
+root=$(cd "$(dirname "$0")/../.." && pwd)
+. "$root/bench/parts/common.sh"
 in=$data/tones_44k_mono_10min.wav
-if [ ! -f "$in" ]; then
-  sox -n -r 44100 -c 1 -b 16 "$in" synth 600 sine 200-3400 vol 0.5 2>/dev/null
+if [ ! -s "$in" ]; then
+  sox -n -r 44100 -c 1 -b 16 "$in.part.wav" synth 600 sine 200-3400 vol 0.5 2>/dev/null
+  mv "$in.part.wav" "$in"
 fi
-kavo=build/kavo
-best() {  # best wall-clock seconds of three runs of the command
-  local b=""
-  for _ in 1 2 3; do
-    local s e t
-    s=$(date +%s.%N); "$@" >/dev/null 2>&1; e=$(date +%s.%N)
-    t=$(echo "$e - $s" | bc -l)
-    if [ -z "$b" ] || [ "$(echo "$t < $b" | bc -l)" = 1 ]; then b=$t; fi
-  done
-  echo "$b"
-}
-out=$(mktemp -d)
-trap 'rm -rf "$out"' EXIT
-ours=$(best "$kavo" resample "$in" "$out/kavo.wav")
-theirs=$(best sox "$in" -r 8000 "$out/sox.wav")
-audio=600
-printf 'resample 10 min 44.1 kHz mono -> 8 kHz:  kavo %.3f s (%.0fx real time)   sox %.3f s (%.0fx)   sox/kavo time ratio %.2f\n' \
-  "$ours" "$(echo "$audio / $ours" | bc -l)" "$theirs" "$(echo "$audio / $theirs" | bc -l)" \
-  "$(echo "$theirs / $ours" | bc -l)"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+kavo_resample() { "$@" "$kavo" resample "$in" "$work/out/kavo.wav"; }
+sox_resample() { "$@" sox "$in" -r 8000 "$work/out/sox.wav"; }
+alternate "$runs" kavo kavo_resample sox sox_resample
+
+printf 'input: 600 s of 44.1 kHz mono 16-bit WAV; median of %d alternating runs\n' "$runs"
+table "Resampler: kavo resample against sox, 44.1 kHz to 8000 Hz (10 minutes, medians of $runs alternating runs)" \
+  "measure" "kavo" "sox" "kavo / sox" "per-round ratios" "kavo, times real time"
+for field in cpu wall; do
+  k=$(median kavo $field)
+  s=$(median sox $field)
+  label="CPU (user + system)"
+  [ $field = wall ] && label="wall"
+  row "$label, whole process" "$(seconds "$k")" "$(seconds "$s")" "$(ratio "$k" "$s")" \
+    "$(spread kavo sox $field)" "$(awk -v t="$k" 'BEGIN { if (t > 0) printf "%.0f", 600 / t }')"
+done
+table_end
+note "Commands: \`kavo resample IN.wav OUT.wav\`, \`sox IN.wav -r 8000 OUT.wav\` (sox's default" \
+  "quality); each writes a 16-bit WAV file."
