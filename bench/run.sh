@@ -61,6 +61,8 @@ v_sox=$(sox --version | awk '{ sub(/^v/, "", $NF); print $NF }')
 v_lame=$(lame --version | awk 'NR == 1 { for (i = 1; i < NF; i++) if ($i == "version") print $(i + 1) }')
 v_perf=$(perf --version 2>/dev/null | awk '{ print $NF }' || true)
 if [ "$BENCH_PERF" = yes ]; then counters="perf counts instructions:u"
+elif command -v valgrind >/dev/null; then
+  counters="perf cannot count instructions here ($BENCH_PERF): callgrind counts them (one run each; valgrind hides AVX-512, so kavo's own choice is counted on AVX2 at most)"
 else counters="perf cannot count instructions here ($BENCH_PERF): the tables carry no instruction counts"
 fi
 warning="UNRELIABLE: the 1-minute load average was $load1 on $cores cores ($per_core per core, above 0.5) when the benchmark started; every figure below is marked UNRELIABLE and must not go into doc/performance.md."

@@ -124,7 +124,21 @@ megabytes() { awk -v v="$1" 'BEGIN { printf "%.1f MiB", v / 1024 }'; }
 instructions() {
   local kept=$work/$1.instructions
   if [ ! -s "$kept" ]; then
-    if [ "$BENCH_PERF" != yes ]; then
+    if [ "$BENCH_PERF" != yes ] && command -v valgrind >/dev/null; then
+      # Without the processor's counters, callgrind counts the same instructions exactly, one
+      # run at some 50 times the time. valgrind hides AVX-512 from the program, so a count for
+      # kavo's own choice is that of its AVX2 path at most.
+      rm -rf "$work/out"
+      mkdir -p "$work/out"
+      if "$1" valgrind --tool=callgrind --callgrind-out-file="$work/callgrind.out" \
+           >/dev/null 2>"$work/callgrind.err"; then
+        awk '/Collected :/ { printf "%.0f M\n", $NF / 1e6; found = 1 }
+             END { if (!found) print "n/a" }' "$work/callgrind.err" >"$kept"
+      else
+        echo n/a >"$kept"
+      fi
+      rm -f "$work/callgrind.out"
+    elif [ "$BENCH_PERF" != yes ]; then
       echo n/a >"$kept"
     else
       rm -rf "$work/out"
@@ -138,6 +152,19 @@ instructions() {
     fi
   fi
   cat "$kept"
+}
+
+# counter_note: how the tables' instruction counts were taken, for the note under a table.
+counter_note() {
+  if [ "$BENCH_PERF" = yes ]; then
+    echo "Instruction counts: perf stat, instructions:u, one run each."
+  elif command -v valgrind >/dev/null; then
+    echo "Instruction counts: callgrind, one run each (perf cannot count here: $BENCH_PERF);" \
+         "valgrind hides AVX-512, so kavo is counted on its AVX2 path at most, and it cannot run" \
+         "ffmpeg to the end (an RDTSCP instruction it does not know), so ffmpeg has none."
+  else
+    echo "Instruction counts: none, perf cannot count them on this machine ($BENCH_PERF)."
+  fi
 }
 
 # goal RATIO LIMIT [WHERE]: "at most LIMIT (WHERE): met", or "not met", for the ratio unrounded

@@ -72,4 +72,4 @@ note "Commands: \`KAVO_ENGINE_THREADS=1 kavo convert IN OUT\` (one thread), \`ka
   "and the filter graph's: one thread in all). Goals: one-thread CPU at most 0.6 of ffmpeg's; peak" \
   "memory about 6 MB, the same for 1 and 10 minutes; wall time on two threads at most 0.50 of" \
   "ffmpeg's. The 1-minute memory figures are medians of $short_runs runs." \
-  "$([ "$BENCH_PERF" = yes ] || echo "Instruction counts: none, perf cannot count them on this machine ($BENCH_PERF).")"
+  "$(counter_note)"

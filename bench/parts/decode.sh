@@ -81,4 +81,4 @@ fi
 note "Measure: user time of \`kavo decode IN OUT.pcm\` and of \`mpg123 -q --no-gapless -s IN > OUT\`" \
   "(and \`ffmpeg -v error -y -threads 1 -i IN -threads 1 -f s16le OUT\`), the ratio of the medians;" \
   "per-round ratios: the lowest and the highest ratio of one round's runs. $how." \
-  "$([ "$BENCH_PERF" = yes ] || echo "Instruction counts: none, perf cannot count them on this machine ($BENCH_PERF).")"
+  "$(counter_note)"
