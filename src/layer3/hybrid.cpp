@@ -15,10 +15,10 @@ namespace kavolib {
 
 namespace {
 // The transform's kernels are written once over the value type T: double for one subband, or
-// Double4 for four subbands at once (one per lane). Each lane then performs exactly the scalar
-// operations in the same order, so both forms give the same bits. Each is inlined where it is
-// used, so that the four-lane form is built for the vector unit its caller was built for, and
-// their short loops are unrolled, so that the values can stay in registers.
+// Double4 or Double8 for four or eight subbands at once (one per lane). Each lane then performs
+// exactly the scalar operations in the same order, so every form gives the same bits. Each is
+// inlined where it is used, so that the vector forms are built for the vector unit their caller
+// was built for, and their short loops are unrolled, so that the values can stay in registers.
 
 // a * e^{i theta} given cos and sin of theta, in place.
 template <class T>
@@ -303,47 +303,63 @@ void imdct_subband(const double* input, double* overlap, double* output, uint32_
 }
 
 namespace {
-// imdct_subband for the four subbands s0 to s0 + 3 at once (one subband per lane), all of the
-// same block type and previous block type.
-__attribute__((always_inline)) inline void imdct_four_subbands(const double* input, double (*overlap)[32],
+__attribute__((always_inline)) inline void transpose_rows(Double4* rows) {
+    transpose4(rows[0], rows[1], rows[2], rows[3]);
+}
+__attribute__((always_inline)) inline void transpose_rows(Double8* rows) { transpose8(rows); }
+
+// imdct_subband for the W subbands s0 to s0 + W - 1 at once (one subband per lane of V, a
+// vector of W doubles), all of the same block type and previous block type.
+template <typename V, typename Bits>
+__attribute__((always_inline)) inline void imdct_subbands(const double* input, double (*overlap)[32],
                                             double* output, int s0, uint32_t block_type,
                                             uint32_t previous_block_type) {
-    Double4 o[9];
+    constexpr int W = static_cast<int>(sizeof(V) / sizeof(double));
+    V o[9];
 #pragma GCC unroll 18
     for (int m = 0; m < 9; ++m) std::memcpy(&o[m], overlap[m] + s0, sizeof o[m]);
-    // The four subbands' 18 values, lane by lane: blocks of four values of each subband
-    // transposed, the last block overlapping the one before it (14..17).
-    Double4 in[18];
-#pragma GCC unroll 18
-    for (int k : {0, 4, 8, 12, 14}) {
-#pragma GCC unroll 18
-        for (int l = 0; l < 4; ++l) std::memcpy(&in[k + l], input + 18 * l + k, sizeof in[0]);
-        transpose4(in[k], in[k + 1], in[k + 2], in[k + 3]);
+    // The subbands' 18 values, lane by lane: blocks of W values of each subband transposed,
+    // the last block overlapping the one before it (ending at 17).
+    V in[18];
+#pragma GCC unroll 5
+    for (int block = 0; block <= 18 / W; ++block) {
+        const int k = block < 18 / W ? W * block : 18 - W;
+#pragma GCC unroll 8
+        for (int l = 0; l < W; ++l) std::memcpy(&in[k + l], input + 18 * l + k, sizeof in[0]);
+        transpose_rows(in + k);
     }
-    Double4 y[18];
+    V y[18];
     imdct_window_overlap(in, o, y, block_type, previous_block_type);
 #pragma GCC unroll 18
     for (int m = 0; m < 9; ++m) std::memcpy(overlap[m] + s0, &o[m], sizeof o[m]);
 
-    // Frequency inversion: lanes 1 and 3 are the odd subbands; their odd samples change sign
+    // Frequency inversion: the odd lanes are the odd subbands; their odd samples change sign
     // (the sign bit flipped, as a negation does).
-    const Long4 odd_lanes = {0, INT64_MIN, 0, INT64_MIN};
+    Bits odd_lanes{};
+#pragma GCC unroll 8
+    for (int l = 1; l < W; l += 2) odd_lanes[l] = INT64_MIN;
 #pragma GCC unroll 18
     for (int n = 0; n < 18; ++n) {
-        Double4 v = y[n];
-        if ((n & 1) != 0) v = reinterpret_cast<Double4>(reinterpret_cast<Long4>(v) ^ odd_lanes);
+        V v = y[n];
+        if ((n & 1) != 0) v = reinterpret_cast<V>(reinterpret_cast<Bits>(v) ^ odd_lanes);
         std::memcpy(output + 32 * n + s0, &v, sizeof v);
     }
 }
 
+KAVO_AVX512 void imdct_eight_subbands_avx512(const double* input, double (*overlap)[32],
+                                             double* output, int s0, uint32_t block_type,
+                                             uint32_t previous_block_type) {
+    imdct_subbands<Double8, Long8>(input, overlap, output, s0, block_type, previous_block_type);
+}
+
 KAVO_AVX2 void imdct_four_subbands_avx2(const double* input, double (*overlap)[32], double* output,
                                         int s0, uint32_t block_type, uint32_t previous_block_type) {
-    imdct_four_subbands(input, overlap, output, s0, block_type, previous_block_type);
+    imdct_subbands<Double4, Long4>(input, overlap, output, s0, block_type, previous_block_type);
 }
 
 void imdct_four_subbands_plain(const double* input, double (*overlap)[32], double* output, int s0,
                                uint32_t block_type, uint32_t previous_block_type) {
-    imdct_four_subbands(input, overlap, output, s0, block_type, previous_block_type);
+    imdct_subbands<Double4, Long4>(input, overlap, output, s0, block_type, previous_block_type);
 }
 }  // namespace
 
@@ -354,7 +370,8 @@ void hybrid_synthesis(Layer3State& state, int32_t granule, int32_t channel, cons
     const bool previous_mixed =
         previous.window_switching_flag != 0 && previous.mixed_block_flag != 0;
     double(*overlap)[32] = state.overlap[channel];
-    for (int32_t s0 = 0; s0 < 32; s0 += 4) {
+    // Groups of eight subbands on the AVX-512 path, of four otherwise.
+    for (int32_t s0 = 0; s0 < 32;) {
         // Only the long part of a mixed block (subbands 0 and 1) can differ from its group.
         if (s0 == 0 && (mixed || previous_mixed)) {
             for (int32_t s = 0; s < 4; ++s) {
@@ -365,10 +382,17 @@ void hybrid_synthesis(Layer3State& state, int32_t granule, int32_t channel, cons
                 imdct_subband(x + 18 * s, o, state.spectrum + s, type, previous_type, s);
                 for (int m = 0; m < 9; ++m) overlap[m][s] = o[m];
             }
+            s0 = 4;
             continue;
         }
         if (previous.block_type > 3) unknown_block_type("Unknown block_type_prev");
         if (gi.block_type > 3) unknown_block_type("Unknown block_type");
+        if (use_avx512() && s0 % 8 == 0) {
+            imdct_eight_subbands_avx512(x + 18 * s0, overlap, state.spectrum, s0, gi.block_type,
+                                        previous.block_type);
+            s0 += 8;
+            continue;
+        }
         if (use_avx2()) {
             imdct_four_subbands_avx2(x + 18 * s0, overlap, state.spectrum, s0, gi.block_type,
                                      previous.block_type);
@@ -376,6 +400,7 @@ void hybrid_synthesis(Layer3State& state, int32_t granule, int32_t channel, cons
             imdct_four_subbands_plain(x + 18 * s0, overlap, state.spectrum, s0, gi.block_type,
                                       previous.block_type);
         }
+        s0 += 4;
     }
     previous.block_type = gi.block_type;
     previous.window_switching_flag = gi.window_switching_flag;

@@ -3,7 +3,7 @@
 // samples are formed from that history with the 512-tap window (256 halved values stored).
 // synthesize_slot is the plain form over a 512-value history that moves by one slot each time;
 // synthesize_granule computes the same values in the same order over a ring of slots, four
-// outputs at a time.
+// or eight outputs at a time.
 #include <array>
 #include <cstring>
 
@@ -162,7 +162,8 @@ constexpr std::array<int8_t, 64> make_extended_order() {
 constexpr std::array<int8_t, 64> kExtendedOrder = make_extended_order();
 
 // The matrixing of synthesize_slot, operation for operation, with the index arithmetic done at
-// compile time, written for any element type; T is Double4 here: four slots at once, one per lane.
+// compile time, written for any element type; T is Double4 or Double8 here: four or eight
+// slots at once, one per lane.
 template <typename T>
 __attribute__((always_inline)) inline void matrix_core(const T* slot, T* r) {
     for (int i = 0; i < 16; ++i) {
@@ -210,34 +211,41 @@ __attribute__((always_inline)) inline void matrix_core(const T* slot, T* r) {
     }
 }
 
-// Up to four consecutive slots (32 values apart in slots) matrixed at once, one per lane; slot
-// l's extended form goes to to - 64 l (the history lies newest first). The loops are unrolled
-// so that the order table is read at compile time. With fewer than four slots the missing lanes
-// are silent and not stored.
-template <int kLanes>
-__attribute__((always_inline)) inline void matrix_four_slots(const double* slots, double* to) {
-    Double4 in[32];
+// The rows of a block of values become its columns, for either vector width.
+__attribute__((always_inline)) inline void transpose_rows(Double4* rows) {
+    transpose4(rows[0], rows[1], rows[2], rows[3]);
+}
+__attribute__((always_inline)) inline void transpose_rows(Double8* rows) { transpose8(rows); }
+
+// Up to W consecutive slots (32 values apart in slots) matrixed at once, one per lane of the
+// vector type V of W doubles; slot l's extended form goes to to - 64 l (the history lies newest
+// first). The loops are unrolled so that the order table is read at compile time. With fewer
+// than W slots the missing lanes are silent and not stored.
+template <typename V, int kLanes>
+__attribute__((always_inline)) inline void matrix_slots(const double* slots, double* to) {
+    constexpr int W = static_cast<int>(sizeof(V) / sizeof(double));
+    V in[32];
 #pragma GCC unroll 8
-    for (int n = 0; n < 32; n += 4) {
-#pragma GCC unroll 4
-        for (int l = 0; l < 4; ++l) {
+    for (int n = 0; n < 32; n += W) {
+#pragma GCC unroll 8
+        for (int l = 0; l < W; ++l) {
             if (l < kLanes) {
                 std::memcpy(&in[n + l], slots + 32 * l + n, sizeof in[0]);
             } else {
-                in[n + l] = Double4{0.0, 0.0, 0.0, 0.0};
+                in[n + l] = V{};
             }
         }
-        transpose4(in[n], in[n + 1], in[n + 2], in[n + 3]);
+        transpose_rows(in + n);
     }
-    Double4 r[32];
+    V r[32];
     matrix_core(in, r);
 #pragma GCC unroll 16
-    for (int k = 0; k < 64; k += 4) {
-        Double4 v[4];
-#pragma GCC unroll 4
-        for (int i = 0; i < 4; ++i) v[i] = r[kExtendedOrder[static_cast<size_t>(k + i)]];
-        transpose4(v[0], v[1], v[2], v[3]);
-#pragma GCC unroll 4
+    for (int k = 0; k < 64; k += W) {
+        V v[W];
+#pragma GCC unroll 8
+        for (int i = 0; i < W; ++i) v[i] = r[kExtendedOrder[static_cast<size_t>(k + i)]];
+        transpose_rows(v);
+#pragma GCC unroll 8
         for (int l = 0; l < kLanes; ++l) std::memcpy(to - 64 * l + k, &v[l], sizeof v[l]);
     }
 }
@@ -260,47 +268,51 @@ TermWindow make_term_window() {
 
 const TermWindow kTermWindow = make_term_window();
 
-// Four outputs (block b) of kSlots consecutive slots, the newest history of the first at
-// newest, the others each one slot further on: each output's 16 products summed in term order
-// from 0.0, then doubled, exactly as in synthesize_slot. The window's coefficients for eight
-// terms stay in registers while all the slots use them.
-template <int kSlots, bool kLow>
+// W outputs (block b, W the doubles of V) of kSlots consecutive slots, the newest history of the
+// first at newest, the others each one slot further on: each output's 16 products summed in
+// term order from 0.0, then doubled, exactly as in synthesize_slot. The window's coefficients
+// for eight terms stay in registers while all the slots use them.
+template <typename V, int kSlots, bool kLow>
 __attribute__((always_inline)) inline void window_block(const double* newest, double* out, int b) {
-    Double4 acc[kSlots];
-#pragma GCC unroll 4
-    for (int s = 0; s < kSlots; ++s) acc[s] = Double4{0.0, 0.0, 0.0, 0.0};
+    constexpr int W = static_cast<int>(sizeof(V) / sizeof(double));
+    V acc[kSlots];
+#pragma GCC unroll 8
+    for (int s = 0; s < kSlots; ++s) acc[s] = V{};
 #pragma GCC unroll 2
     for (int half = 0; half < 16; half += 8) {
-        Double4 w[8];
+        V w[8];
 #pragma GCC unroll 8
-        for (int k = 0; k < 8; ++k) std::memcpy(&w[k], kTermWindow.coef[half + k] + 4 * b, sizeof w[k]);
+        for (int k = 0; k < 8; ++k) std::memcpy(&w[k], kTermWindow.coef[half + k] + W * b, sizeof w[k]);
 #pragma GCC unroll 8
         for (int k = 0; k < 8; ++k) {
             const int t = half + k;
             const int offset = 64 * t + ((t & 1) == 0 ? (kLow ? 16 : 15) : (kLow ? 47 : -16));
-#pragma GCC unroll 4
+#pragma GCC unroll 8
             for (int s = 0; s < kSlots; ++s) {
-                Double4 h;
-                std::memcpy(&h, newest - 64 * s + offset + 4 * b, sizeof h);
+                V h;
+                std::memcpy(&h, newest - 64 * s + offset + W * b, sizeof h);
                 acc[s] += h * w[k];
             }
         }
     }
-#pragma GCC unroll 4
+#pragma GCC unroll 8
     for (int s = 0; s < kSlots; ++s) {
-        const Double4 doubled = acc[s] * 2.0;
-        std::memcpy(out + 32 * s + 4 * b, &doubled, sizeof doubled);
+        const V doubled = acc[s] * 2.0;
+        std::memcpy(out + 32 * s + W * b, &doubled, sizeof doubled);
     }
 }
 
-template <int kSlots>
+// Outputs 0 to 15 read the history through the low offsets, 16 to 31 through the high ones.
+template <typename V, int kSlots>
 __attribute__((always_inline)) inline void window_slots(const double* newest, double* out) {
-    for (int b = 0; b < 4; ++b) window_block<kSlots, true>(newest, out, b);
-    for (int b = 4; b < 8; ++b) window_block<kSlots, false>(newest, out, b);
+    constexpr int W = static_cast<int>(sizeof(V) / sizeof(double));
+    for (int b = 0; b < 16 / W; ++b) window_block<V, kSlots, true>(newest, out, b);
+    for (int b = 16 / W; b < 32 / W; ++b) window_block<V, kSlots, false>(newest, out, b);
 }
 
-// The 18 slots of a granule, four at a time: matrixed into their places in the history, then
-// windowed.
+// The 18 slots of a granule, W at a time (the doubles of V; the last two as a pair, four
+// lanes wide): matrixed into their places in the history, then windowed.
+template <typename V>
 __attribute__((always_inline)) inline void synthesize_granule_body(SynthesisRing& ring,
                                                                    const double* slots,
                                                                    double* out) {
@@ -320,27 +332,34 @@ __attribute__((always_inline)) inline void synthesize_granule_body(SynthesisRing
     newest -= 18;
     ring.newest = newest;
     double* history = ring.slots[newest];  // slot t of the granule at history + 64 (17 - t)
-    for (int32_t t = 0; t < 16; t += 4) {
+    constexpr int W = static_cast<int>(sizeof(V) / sizeof(double));
+    for (int32_t t = 0; t < 16; t += W) {
         double* slot = history + 64 * (17 - t);
-        matrix_four_slots<4>(slots + 32 * t, slot);
-        window_slots<4>(slot, out + 32 * t);
+        matrix_slots<V, W>(slots + 32 * t, slot);
+        window_slots<V, W>(slot, out + 32 * t);
     }
-    matrix_four_slots<2>(slots + 32 * 16, history + 64);
-    window_slots<2>(history + 64, out + 32 * 16);
+    matrix_slots<Double4, 2>(slots + 32 * 16, history + 64);
+    window_slots<Double4, 2>(history + 64, out + 32 * 16);
+}
+
+KAVO_AVX512 void synthesize_granule_avx512(SynthesisRing& ring, const double* slots, double* out) {
+    synthesize_granule_body<Double8>(ring, slots, out);
 }
 
 KAVO_AVX2 void synthesize_granule_avx2(SynthesisRing& ring, const double* slots, double* out) {
-    synthesize_granule_body(ring, slots, out);
+    synthesize_granule_body<Double4>(ring, slots, out);
 }
 
 void synthesize_granule_plain(SynthesisRing& ring, const double* slots, double* out) {
-    synthesize_granule_body(ring, slots, out);
+    synthesize_granule_body<Double4>(ring, slots, out);
 }
 }  // namespace
 
 void synthesize_granule(Layer3State& state, int32_t channel, double* out) {
     SynthesisRing& ring = state.synthesis[channel];
-    if (use_avx2()) {
+    if (use_avx512()) {
+        synthesize_granule_avx512(ring, state.spectrum, out);
+    } else if (use_avx2()) {
         synthesize_granule_avx2(ring, state.spectrum, out);
     } else {
         synthesize_granule_plain(ring, state.spectrum, out);

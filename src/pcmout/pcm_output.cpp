@@ -57,44 +57,69 @@ namespace {
 typedef int Int4 __attribute__((vector_size(16)));
 typedef int16_t Short4 __attribute__((vector_size(8)));
 typedef int16_t Short8 __attribute__((vector_size(16)));
+typedef int Int8 __attribute__((vector_size(32)));
+typedef int16_t Short16 __attribute__((vector_size(32)));
 
-// Four samples at a time: both roundings are computed and one is selected (v - 0.5 and
-// v + -0.5 are the same sum), and each clip is a select on the same comparison pcm_sample16
-// makes, so NaN still ends at -32768.
-__attribute__((always_inline)) inline Short4 four_samples16(const double* x) {
-    const Double4 half = {0.5, 0.5, 0.5, 0.5};
-    const Double4 top = {32768.0, 32768.0, 32768.0, 32768.0};
-    const Double4 top_value = {32767.0, 32767.0, 32767.0, 32767.0};
-    const Double4 bottom = {-32769.0, -32769.0, -32769.0, -32769.0};
-    const Double4 bottom_value = {-32768.0, -32768.0, -32768.0, -32768.0};
-    const Double4 zero = {0.0, 0.0, 0.0, 0.0};
-    Double4 in;
+// The integer vectors of a block of four or eight samples.
+template <typename V>
+struct SampleBlock {
+    typedef Int4 Int;
+    typedef Short4 Short;
+};
+template <>
+struct SampleBlock<Double8> {
+    typedef Int8 Int;
+    typedef Short8 Short;
+};
+
+// Four or eight samples at a time (V holds four or eight doubles): both roundings are computed
+// and one is selected (v - 0.5 and v + -0.5 are the same sum), and each clip is a select on the
+// same comparison pcm_sample16 makes, so NaN still ends at -32768. The conversion to integers
+// truncates, as pcm_sample16's does.
+template <typename V>
+__attribute__((always_inline)) inline typename SampleBlock<V>::Short block_samples16(const double* x) {
+    const V zero{};
+    const V top = zero + 32768.0;
+    const V bottom = zero - 32769.0;
+    V in;
     std::memcpy(&in, x, sizeof in);
-    const Double4 v = in * top;
-    Double4 r = in > zero ? v + half : v - half;
-    r = r >= top ? top_value : r;
-    r = r > bottom ? r : bottom_value;
-    return __builtin_convertvector(__builtin_convertvector(r, Int4), Short4);
+    const V v = in * top;
+    V r = in > zero ? v + 0.5 : v - 0.5;
+    r = r >= top ? zero + 32767.0 : r;
+    r = r > bottom ? r : zero - 32768.0;
+    return __builtin_convertvector(__builtin_convertvector(r, typename SampleBlock<V>::Int),
+                                   typename SampleBlock<V>::Short);
 }
 
-// A tail shorter than four goes through pcm_sample16.
+// A tail shorter than a block goes through pcm_sample16.
+template <typename V>
 __attribute__((always_inline)) inline void samples16_body(const double* x, int16_t* out,
                                                           int count) {
+    constexpr int W = static_cast<int>(sizeof(V) / sizeof(double));
     int i = 0;
-    for (; i + 4 <= count; i += 4) {
-        const Short4 s = four_samples16(x + i);
+    for (; i + W <= count; i += W) {
+        const auto s = block_samples16<V>(x + i);
         std::memcpy(out + i, &s, sizeof s);
     }
     for (; i < count; ++i) out[i] = pcm_sample16(x[i]);
 }
 
+template <typename V>
 __attribute__((always_inline)) inline void stereo16_body(const double* left, const double* right,
                                                          int16_t* out, int count) {
+    constexpr int W = static_cast<int>(sizeof(V) / sizeof(double));
     int i = 0;
-    for (; i + 4 <= count; i += 4) {
-        const Short8 s = __builtin_shufflevector(four_samples16(left + i),
-                                                 four_samples16(right + i), 0, 4, 1, 5, 2, 6, 3, 7);
-        std::memcpy(out + 2 * i, &s, sizeof s);
+    for (; i + W <= count; i += W) {
+        const auto l = block_samples16<V>(left + i);
+        const auto r = block_samples16<V>(right + i);
+        if constexpr (W == 8) {
+            const Short16 s = __builtin_shufflevector(l, r, 0, 8, 1, 9, 2, 10, 3, 11, 4, 12, 5, 13,
+                                                      6, 14, 7, 15);
+            std::memcpy(out + 2 * i, &s, sizeof s);
+        } else {
+            const Short8 s = __builtin_shufflevector(l, r, 0, 4, 1, 5, 2, 6, 3, 7);
+            std::memcpy(out + 2 * i, &s, sizeof s);
+        }
     }
     for (; i < count; ++i) {
         out[2 * i] = pcm_sample16(left[i]);
@@ -102,23 +127,36 @@ __attribute__((always_inline)) inline void stereo16_body(const double* left, con
     }
 }
 
-KAVO_AVX2 void samples16_avx2(const double* x, int16_t* out, int count) {
-    samples16_body(x, out, count);
+KAVO_AVX512 void samples16_avx512(const double* x, int16_t* out, int count) {
+    samples16_body<Double8>(x, out, count);
 }
 
-void samples16_plain(const double* x, int16_t* out, int count) { samples16_body(x, out, count); }
+KAVO_AVX2 void samples16_avx2(const double* x, int16_t* out, int count) {
+    samples16_body<Double4>(x, out, count);
+}
+
+void samples16_plain(const double* x, int16_t* out, int count) {
+    samples16_body<Double4>(x, out, count);
+}
+
+KAVO_AVX512 void stereo16_avx512(const double* left, const double* right, int16_t* out,
+                                 int count) {
+    stereo16_body<Double8>(left, right, out, count);
+}
 
 KAVO_AVX2 void stereo16_avx2(const double* left, const double* right, int16_t* out, int count) {
-    stereo16_body(left, right, out, count);
+    stereo16_body<Double4>(left, right, out, count);
 }
 
 void stereo16_plain(const double* left, const double* right, int16_t* out, int count) {
-    stereo16_body(left, right, out, count);
+    stereo16_body<Double4>(left, right, out, count);
 }
 }  // namespace
 
 void pcm_samples16(const double* x, int16_t* out, int count) {
-    if (use_avx2()) {
+    if (use_avx512()) {
+        samples16_avx512(x, out, count);
+    } else if (use_avx2()) {
         samples16_avx2(x, out, count);
     } else {
         samples16_plain(x, out, count);
@@ -126,7 +164,9 @@ void pcm_samples16(const double* x, int16_t* out, int count) {
 }
 
 void pcm_samples16_stereo(const double* left, const double* right, int16_t* out, int count) {
-    if (use_avx2()) {
+    if (use_avx512()) {
+        stereo16_avx512(left, right, out, count);
+    } else if (use_avx2()) {
         stereo16_avx2(left, right, out, count);
     } else {
         stereo16_plain(left, right, out, count);

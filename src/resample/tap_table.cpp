@@ -71,14 +71,11 @@ KAVO_AVX2 inline __m256i narrowTaps(__m256i acc, const int16_t* c2,
     return _mm256_add_epi32(acc, _mm256_madd_epi16(r, _mm256_set1_epi16(1)));
 }
 
-// Both wings of one output sample; row lengths are whole vectors. The wings are walked side by
-// side, so each step covers a vector of both: first while both hold wide coefficients, then while
-// one of them does, then the narrow rest.
-KAVO_AVX2 uint32_t bothAvx2(const int16_t* cl, int wl, const int16_t* xl,
-                                                  const int16_t* cr, int wr, const int16_t* xr,
-                                                  int n) {
-    __m256i left = _mm256_setzero_si256();
-    __m256i right = _mm256_setzero_si256();
+// The leading vectors of both wings that hold wide coefficients in either, walked side by side:
+// first while both hold wide coefficients, then while one of them does. Returns the first tap
+// past them.
+KAVO_AVX2 inline int wideWings(__m256i& left, __m256i& right, const int16_t* cl, int wl,
+                               const int16_t* xl, const int16_t* cr, int wr, const int16_t* xr) {
     const int both = wl < wr ? wl : wr;
     int j = 0;
     for (; j < both; j += kVector) {
@@ -93,15 +90,55 @@ KAVO_AVX2 uint32_t bothAvx2(const int16_t* cl, int wl, const int16_t* xl,
         left = narrowTaps(left, cl + j, xl + j);
         right = wideTaps(right, cr + j, xr + j);
     }
-    for (; j < n; j += kVector) {
-        left = narrowTaps(left, cl + j, xl + j);
-        right = narrowTaps(right, cr + j, xr + j);
-    }
-    const __m256i acc = _mm256_add_epi32(left, right);
+    return j;
+}
+
+KAVO_AVX2 inline uint32_t lanesSum(__m256i acc) {
     __m128i s = _mm_add_epi32(_mm256_castsi256_si128(acc), _mm256_extracti128_si256(acc, 1));
     s = _mm_add_epi32(s, _mm_shuffle_epi32(s, 0x4E));
     s = _mm_add_epi32(s, _mm_shuffle_epi32(s, 0xB1));
     return static_cast<uint32_t>(_mm_cvtsi128_si32(s));
+}
+
+// Both wings of one output sample; row lengths are whole vectors. The wide leading part, then
+// the narrow rest.
+KAVO_AVX2 uint32_t bothAvx2(const int16_t* cl, int wl, const int16_t* xl,
+                                                  const int16_t* cr, int wr, const int16_t* xr,
+                                                  int n) {
+    __m256i left = _mm256_setzero_si256();
+    __m256i right = _mm256_setzero_si256();
+    for (int j = wideWings(left, right, cl, wl, xl, cr, wr, xr); j < n; j += kVector) {
+        left = narrowTaps(left, cl + j, xl + j);
+        right = narrowTaps(right, cr + j, xr + j);
+    }
+    return lanesSum(_mm256_add_epi32(left, right));
+}
+
+// The same with the narrow rest 32 taps of both wings a step (the 32-bit sums wrap, so their
+// order does not matter); a row's last 16 taps may remain for the 256-bit step.
+KAVO_AVX512 uint32_t bothAvx512(const int16_t* cl, int wl, const int16_t* xl, const int16_t* cr,
+                                int wr, const int16_t* xr, int n) {
+    __m256i left = _mm256_setzero_si256();
+    __m256i right = _mm256_setzero_si256();
+    int j = wideWings(left, right, cl, wl, xl, cr, wr, xr);
+    __m512i rest = _mm512_setzero_si512();
+    const __m512i ones = _mm512_set1_epi16(1);
+    for (; j + 2 * kVector <= n; j += 2 * kVector) {
+        const __m512i l = _mm512_mulhrs_epi16(_mm512_loadu_si512(cl + j), _mm512_loadu_si512(xl + j));
+        const __m512i r = _mm512_mulhrs_epi16(_mm512_loadu_si512(cr + j), _mm512_loadu_si512(xr + j));
+        rest = _mm512_add_epi32(rest, _mm512_add_epi32(_mm512_madd_epi16(l, ones),
+                                                       _mm512_madd_epi16(r, ones)));
+    }
+    if (j < n) {
+        left = narrowTaps(left, cl + j, xl + j);
+        right = narrowTaps(right, cr + j, xr + j);
+    }
+    // The masked extractions with every lane set: GCC's unmasked ones start from an undefined
+    // register, which its uninitialised-value warning flags.
+    const __m256i lower = _mm512_mask_extracti64x4_epi64(_mm256_setzero_si256(), 0xF, rest, 0);
+    const __m256i upper = _mm512_mask_extracti64x4_epi64(_mm256_setzero_si256(), 0xF, rest, 1);
+    const __m256i halves = _mm256_add_epi32(lower, upper);
+    return lanesSum(_mm256_add_epi32(_mm256_add_epi32(left, right), halves));
 }
 #endif
 
@@ -155,6 +192,7 @@ TapTable::TapTable(const int16_t* Coeffs, const int16_t* Differences, uint16_t L
       kernel_(bothPortable) {
 #if defined(__x86_64__)
     if (use_avx2()) kernel_ = bothAvx2;
+    if (use_avx512()) kernel_ = bothAvx512;
 #endif
 }
 
