@@ -270,21 +270,19 @@ TEST_P(FixtureDecode, WithinOneLsbOfAnIndependentDecoder) {
 
 // The UTF-16 tagged file is left out: its tag holds a byte pair that passes as a free-format
 // header, whose length measurement runs to the end of the input, so kavo delivers no frame
-// (the specified search; the Latin-1 tagged file covers tags).
+// (the specified search; the Latin-1 tagged file covers tags). So are the files with an
+// encoder's header: the gapless test compares them with the same decoder sample by sample over
+// their whole length.
 INSTANTIATE_TEST_SUITE_P(
     Fixtures, FixtureDecode,
-    testing::Values(std::pair{"tone_m1_32k_stereo.mp3", 2}, std::pair{"tone_m1_44k_joint.mp3", 2},
-                    std::pair{"tone_m1_48k_mono.mp3", 1}, std::pair{"tone_m2_16k_mono_crc.mp3", 1},
-                    std::pair{"tone_m2_22k_joint.mp3", 2}, std::pair{"tone_m2_24k_dual.mp3", 2},
-                    std::pair{"tone_m25_8k_mono.mp3", 1}, std::pair{"tone_m25_11k_ms.mp3", 2},
-                    std::pair{"tone_m25_12k_stereo_crc.mp3", 2}, std::pair{"tone_m1_44k_mono.mp3", 1},
+    testing::Values(std::pair{"tone_m1_32k_stereo.mp3", 2}, std::pair{"tone_m1_48k_mono.mp3", 1},
+                    std::pair{"tone_m2_16k_mono_crc.mp3", 1}, std::pair{"tone_m2_24k_dual.mp3", 2},
+                    std::pair{"tone_m25_8k_mono.mp3", 1}, std::pair{"tone_m25_12k_stereo_crc.mp3", 2},
                     std::pair{"tone_m1_44k_stereo.mp3", 2}, std::pair{"tone_m1_44k_ms.mp3", 2},
-                    std::pair{"tone_m1_44k_dual.mp3", 2}, std::pair{"tone_m1_44k_stereo_crc.mp3", 2},
-                    std::pair{"tone_m1_44k_joint_notag.mp3", 2}, std::pair{"tone_m1_44k_free.mp3", 2},
-                    std::pair{"tone_m2_22k_free.mp3", 1}, std::pair{"noise_bursts_m1_44k_32kbps.mp3", 2},
-                    std::pair{"noise_bursts_m1_44k_nores.mp3", 2}, std::pair{"clicks_m1_44k_mono.mp3", 1},
-                    std::pair{"clicks_m2_24k_mono.mp3", 1}, std::pair{"id3v2_m1_44k_mono.mp3", 1},
-                    std::pair{"garbage_m1_44k_mono.mp3", 1}, std::pair{"tone_m1_48k_mono_cut.mp3", 1},
-                    std::pair{"speech_mono_22k.mp3", 1}, std::pair{"speech_music_m1_44k_vbr.mp3", 2}));
+                    std::pair{"tone_m1_44k_dual.mp3", 2}, std::pair{"tone_m1_44k_joint_notag.mp3", 2},
+                    std::pair{"tone_m1_44k_free.mp3", 2}, std::pair{"tone_m2_22k_free.mp3", 1},
+                    std::pair{"noise_bursts_m1_44k_32kbps.mp3", 2}, std::pair{"noise_bursts_m1_44k_nores.mp3", 2},
+                    std::pair{"clicks_m1_44k_mono.mp3", 1}, std::pair{"clicks_m2_24k_mono.mp3", 1},
+                    std::pair{"id3v2_m1_44k_mono.mp3", 1}, std::pair{"garbage_m1_44k_mono.mp3", 1}));
 
 }  // namespace

@@ -3,7 +3,8 @@
 // bytes of the bare clip it holds, or is refused as its table row says, through the memory
 // and file calls and the command, which names what it skipped with -v and nothing without.
 // And WAV input: each encoding sox writes converts like the 16-bit WAV sox makes from it, the
-// 16-bit one like the mix, resample and encode stages in a row, with the data-size rules.
+// 16-bit one like the mix, resample and encode stages in a row (also with chunks between fmt
+// and data), with the data-size rules.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -17,11 +18,7 @@
 
 namespace {
 
-using kavotest::read_file;
-using kavotest::run_kavo;
-using kavotest::run_process;
-using kavotest::TempDir;
-using kavotest::write_file;
+using namespace kavotest;
 
 const std::string kTags = std::string(KAVO_FIXTURES_DIR) + "/tags/";
 
@@ -47,15 +44,10 @@ std::vector<Row> rows() {
     return table;
 }
 
-int append(void* user, const void* bytes, size_t size) {
-    static_cast<std::string*>(user)->append(static_cast<const char*>(bytes), size);
-    return 0;
-}
-
 int convert(const std::string& input, std::string& out, std::string& message,
             kavo_report* report = nullptr) {
     char text[256] = "";
-    const kavo_io io{nullptr, input.data(), input.size(), nullptr, append, nullptr, &out};
+    const kavo_io io{nullptr, input.data(), input.size(), nullptr, append_to, nullptr, &out};
     const int status = kavo_convert(&io, nullptr, report, text, sizeof text);
     message = text;
     return status;
@@ -110,13 +102,7 @@ TEST_P(Surroundings, ConvertLikeTheBareAudioAndAreNamed) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Tags, Surroundings, testing::ValuesIn(rows()),
-                         [](const testing::TestParamInfo<Row>& row) {
-                             std::string name = row.param.file;
-                             for (char& c : name) {
-                                 if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
-                             }
-                             return name;
-                         });
+                         [](const testing::TestParamInfo<Row>& row) { return test_name(row.param.file); });
 
 // ---------------------------------------------------------------- WAV input
 
@@ -126,9 +112,9 @@ struct WavCase {
     const char* gain;  // dB: full scale and beyond saturates on the way to 16 bits
 };
 
-std::string convert_or_fail(const std::string& input) {
+std::string convert_or_fail(const std::string& input, kavo_report* report = nullptr) {
     std::string out, message;
-    const int status = convert(input, out, message);
+    const int status = convert(input, out, message, report);
     return status == KAVO_OK ? out : "failed: " + message;
 }
 
@@ -147,26 +133,32 @@ TEST_P(Wav, EveryEncodingConvertsLikeThe16BitWavSoxMakesOfIt) {
                                  " " + encoding + " enc.wav synth 0.4 sine 200-3400 whitenoise " +
                                  "gain " + c.gain + " && sox -D enc.wav -e signed-integer -b 16 lin.wav";
         ASSERT_EQ(run_process({"/bin/sh", "-c", made}, dir.path()).exit_code, 0);
-        const std::string ours = convert_or_fail(read_file(dir.file("enc.wav")));
         kavo_report report = KAVO_REPORT_INIT;
-        std::string out, message;
-        convert(read_file(dir.file("enc.wav")), out, message, &report);
+        const std::string ours = convert_or_fail(read_file(dir.file("enc.wav")), &report);
         EXPECT_EQ(std::vector<int>({report.input_kind, report.encoding, report.sample_rate, report.channels}),
                   std::vector<int>({KAVO_INPUT_WAV, reported, std::stoi(c.rate), std::stoi(c.channels)}));
         EXPECT_TRUE(ours == convert_or_fail(read_file(dir.file("lin.wav"))));
         const auto command = run_kavo({"convert", "-q", "enc.wav", "cmd.adpcm"}, dir.path());
         EXPECT_EQ(command.exit_code, 0) << command.err;
+        EXPECT_EQ(command.err + command.out, "") << "-q says nothing";
         EXPECT_TRUE(read_file(dir.file("cmd.adpcm")) == ours);
     }
-    // The 16-bit file gives what the stages give in a row.
+    // The 16-bit file gives what the stages give in a row (which say nothing with -q), and so
+    // it does with a LIST chunk between fmt and data.
     for (const auto& [stage, in, out] : {std::tuple{"mix", "lin.wav", "m.wav"},
                                          std::tuple{"resample", "m.wav", "r.wav"},
                                          std::tuple{"encode", "r.wav", "staged.adpcm"}}) {
-        ASSERT_EQ(run_kavo({stage, "-q", in, out}, dir.path()).exit_code, 0) << stage;
+        const auto run = run_kavo({stage, "-q", in, out}, dir.path());
+        ASSERT_EQ(run.exit_code, 0) << stage;
+        EXPECT_EQ(run.err + run.out, "") << stage;
     }
     const std::string lin = read_file(dir.file("lin.wav"));
     const std::string staged = read_file(dir.file("staged.adpcm"));
     EXPECT_TRUE(convert_or_fail(lin) == staged);
+    std::string listed = lin.substr(0, 36) + std::string("LIST\4\0\0\0abcd", 12) + lin.substr(36);
+    const auto riff_size = static_cast<uint32_t>(listed.size() - 8);
+    listed.replace(4, 4, std::string(reinterpret_cast<const char*>(&riff_size), 4));  // little-endian host
+    EXPECT_TRUE(convert_or_fail(listed) == staged);
 
     // Data sizes: 0xFFFFFFFF means to the end; 0 too when the RIFF size is unknown (0 or
     // 0xFFFFFFFF), else it is 0; a size beyond the end is cut to what is there. The canonical
@@ -189,7 +181,8 @@ TEST_P(Wav, EveryEncodingConvertsLikeThe16BitWavSoxMakesOfIt) {
 
 INSTANTIATE_TEST_SUITE_P(RatesAndLevels, Wav,
                          testing::Values(WavCase{"8000", "1", "-3"}, WavCase{"44100", "2", "0"},
-                                         WavCase{"22050", "1", "-0.5"}, WavCase{"48000", "2", "-20"}),
+                                         WavCase{"22050", "1", "-0.5"}, WavCase{"48000", "2", "-20"},
+                                         WavCase{"11025", "1", "-6"}),
                          [](const testing::TestParamInfo<WavCase>& c) {
                              return std::string("rate") + c.param.rate + "_ch" + c.param.channels;
                          });

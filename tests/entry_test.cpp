@@ -1,6 +1,9 @@
-// The exported entry as a host program sees it: refusals and the result record, and the
-// message routine. (The console text of accepted calls is pinned by the whole-conversion
-// transcripts; the symbols the library exports are checked on the installed library.)
+// The exported entry as a host program sees it: refusals and the result record; and the decode
+// phase as a whole: the frame count across conversions. (The console text of accepted calls,
+// the message routine's fatal errors and silent warnings, progress calls, flag files and the
+// refusals of the Layer I and II fixtures are pinned by the whole-conversion transcripts; the
+// command's forms by the command's contract; the symbols the library exports are checked on
+// the installed library.)
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -8,7 +11,9 @@
 #include <tuple>
 #include <vector>
 
-#include "platform/report_message.h"
+#include "audio.h"
+#include "entry/decode_loop.h"
+#include "frame/frame_sync.h"
 #include "process.h"
 
 using kavotest::TempDir;
@@ -42,19 +47,29 @@ TEST(EntryRefusals, StatusesComeInTheirOrderWithVersionAndNoTrace) {
     EXPECT_GT(kavotest::read_file(dir.file("sub/temp.wav")).size(), 0u);
 }
 
-TEST(ReportMessage, FatalKindPrintsAndExitsWithOne) {
-    EXPECT_EXIT(kavolib::report_message("decode: test failure\n", kavolib::kMessageFatal),
-                testing::ExitedWithCode(1), "\nFATAL ERROR: decode: test failure\n");
-}
-
-TEST(ReportMessage, WarningsAreSilentUntilVerbosityIsRaised) {
+TEST(DecodePhase, SecondConversionContinuesTheFrameCountAndPrintsNoHeader) {
+    const std::string mp3 = kavotest::fixture("tone_m1_44k_joint_notag.mp3");
+    const size_t frames = kavotest::walk_frames(kavotest::read_file(mp3), 0).size();
+    ASSERT_GT(frames, 30u);
+    TempDir work;
+    kavotest::InDir here(work.path());
+    kavolib::header_lines_pending() = true;
+    const int64_t before = kavolib::frame_counter;
     testing::internal::CaptureStderr();
-    kavolib::report_message("decode: quiet\n", kavolib::kMessageWarning);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-
-    kavolib::verbosity = 1;
+    kavolib::decode_phase(mp3.c_str(), "one.wav", nullptr, 0);
+    const std::string first = testing::internal::GetCapturedStderr();
     testing::internal::CaptureStderr();
-    kavolib::report_message("decode: heard\r", 2);
-    kavolib::verbosity = 0;
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "\nWARNING: decode: heard\r");
+    kavolib::decode_phase(mp3.c_str(), "two.pcm", nullptr, 0);
+    const std::string second = testing::internal::GetCapturedStderr();
+
+    EXPECT_NE(first.find("[version] MPEG 1"), std::string::npos);
+    EXPECT_EQ(second.find("[version]"), std::string::npos);
+    const std::string count1 =
+        "  " + std::to_string(before + static_cast<int64_t>(frames)) + " frames processed\n";
+    const std::string count2 =
+        "  " + std::to_string(before + 2 * static_cast<int64_t>(frames)) + " frames processed\n";
+    EXPECT_NE(first.find(count1), std::string::npos) << first;
+    EXPECT_NE(second.find(count2), std::string::npos) << second;
+    EXPECT_EQ(kavotest::read_file(work.file("one.wav")).substr(44),
+              kavotest::read_file(work.file("two.pcm")));
 }

@@ -15,24 +15,23 @@
 using namespace kavolib;
 using kavotest::TempDir;
 
-TEST(PcmSample, SixteenBitRoundingAndClipping) {
-    const double inf = std::numeric_limits<double>::infinity();
-    const std::pair<double, int> cases[] = {
-        {1.0, 32767}, {-1.0, -32768}, {0.0, 0}, {0.5 / 32768, 1}, {-0.5 / 32768, -1},
-        {0.49 / 32768, 0}, {-0.49 / 32768, 0}, {1.5 / 32768, 2}, {-1.5 / 32768, -2},
-        {32766.5 / 32768, 32767}, {-32767.5 / 32768, -32768}, {-32768.4 / 32768, -32768},
-        {-1.5, -32768}, {1e300, 32767}, {-1e300, -32768}, {inf, 32767},
-        {std::numeric_limits<double>::quiet_NaN(), -32768}};
-    for (const auto& [x, expected] : cases) EXPECT_EQ(pcm_sample16(x), expected) << x;
-}
-
-// The block conversion against the per-sample one: the edge values above, every half step
-// around the clipping points, and random values of all magnitudes and signs; in one channel
-// and in two interleaved.
-TEST(PcmSample, BlockConversionEqualsThePerSampleOne) {
+// Rounding and clipping to 16 bits at the edges; the block conversion against the per-sample
+// one over those values, every half step around the clipping points and random values of all
+// magnitudes and signs, in one channel and in two interleaved.
+TEST(PcmSample, SixteenBitRoundingClippingAndTheBlockConversion) {
     const double inf = std::numeric_limits<double>::infinity();
     const double tiny = std::numeric_limits<double>::denorm_min();
-    std::vector<double> x = {0.0, -0.0, 1.0, -1.0, inf, -inf, std::nan(""), tiny, -tiny, 1e300, -1e300};
+    const std::pair<double, int> cases[] = {
+        {1.0, 32767}, {-1.0, -32768}, {0.0, 0}, {-0.0, 0}, {tiny, 0}, {-tiny, 0}, {0.5 / 32768, 1},
+        {-0.5 / 32768, -1}, {0.49 / 32768, 0}, {-0.49 / 32768, 0}, {1.5 / 32768, 2}, {-1.5 / 32768, -2},
+        {32766.5 / 32768, 32767}, {-32767.5 / 32768, -32768}, {-32768.4 / 32768, -32768},
+        {-1.5, -32768}, {1e300, 32767}, {-1e300, -32768}, {inf, 32767}, {-inf, -32768},
+        {std::numeric_limits<double>::quiet_NaN(), -32768}};
+    std::vector<double> x;
+    for (const auto& [v, expected] : cases) {
+        EXPECT_EQ(pcm_sample16(v), expected) << v;
+        x.push_back(v);
+    }
     for (double v = -32770.0; v <= 32770.0; v += 0.25) x.push_back(v / 32768.0);
     for (double v = -3.0; v <= 3.0; v += 0.125) {
         x.push_back(std::nextafter(v / 32768.0, 1.0));

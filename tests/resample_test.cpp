@@ -15,6 +15,7 @@
 #include <numbers>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/platform.h"
@@ -87,15 +88,11 @@ std::function<int(int)> filtered(double factor, int outCount) {
 }  // namespace
 
 TEST(EngineArithmetic, RoundShiftSat16RoundsHalfUpAndClamps) {
-    EXPECT_EQ(roundShiftSat16(4096, 13), 1);
-    EXPECT_EQ(roundShiftSat16(4095, 13), 0);
-    EXPECT_EQ(roundShiftSat16(-4096, 13), 0);
-    EXPECT_EQ(roundShiftSat16(-4097, 13), -1);
-    EXPECT_EQ(roundShiftSat16(32767 << 13, 13), 32767);
-    EXPECT_EQ(roundShiftSat16(32768 << 13, 13), 32767);
-    EXPECT_EQ(roundShiftSat16(-32769 * 8192, 13), -32768);
-    EXPECT_EQ(roundShiftSat16(INT32_MIN, 15), -32768);
-    EXPECT_EQ(roundShiftSat16(INT32_MAX, 15), -32768);  // the rounding add wraps in 32 bits
+    // Value, shift, result; at INT32_MAX the rounding add wraps in 32 bits.
+    const std::tuple<int32_t, int, int> cases[] = {
+        {4096, 13, 1}, {4095, 13, 0}, {-4096, 13, 0}, {-4097, 13, -1}, {32767 << 13, 13, 32767},
+        {32768 << 13, 13, 32767}, {-32769 * 8192, 13, -32768}, {INT32_MIN, 15, -32768}, {INT32_MAX, 15, -32768}};
+    for (const auto& [value, shift, result] : cases) EXPECT_EQ(roundShiftSat16(value, shift), result) << value;
 }
 
 // ---------------------------------------------------------------- table path vs tap by tap

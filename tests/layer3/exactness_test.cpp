@@ -187,8 +187,8 @@ TEST(FastHuffman, PairsAndQuadruplesMatchTheOneCodeWordForm) {
                     ASSERT_EQ(got[0], x) << "slot " << slot << " step " << step;
                     ASSERT_EQ(got[1], y) << "slot " << slot << " step " << step;
                 }
-                ASSERT_EQ(fast.cursor.byte_index, plain.cursor.byte_index);
-                ASSERT_EQ(fast.cursor.bit_offset, plain.cursor.bit_offset);
+                ASSERT_EQ(std::pair(fast.cursor.byte_index, fast.cursor.bit_offset),
+                          std::pair(plain.cursor.byte_index, plain.cursor.bit_offset));
             }
             if (!quads) {
                 // Many pairs in one call end where as many single pairs end.
@@ -205,8 +205,8 @@ TEST(FastHuffman, PairsAndQuadruplesMatchTheOneCodeWordForm) {
                     expected[2 * p + 1] = y;
                 }
                 ASSERT_TRUE(same_bits(values, expected, 64)) << slot;
-                ASSERT_EQ(many.cursor.byte_index, single.cursor.byte_index);
-                ASSERT_EQ(many.cursor.bit_offset, single.cursor.bit_offset);
+                ASSERT_EQ(std::pair(many.cursor.byte_index, many.cursor.bit_offset),
+                          std::pair(single.cursor.byte_index, single.cursor.bit_offset));
             }
         }
     }

@@ -330,14 +330,12 @@ void decode_with_buffer_gap(int extra_values) {
     decode_granule(layer3_state(), reader, h, 0, job);
 }
 
-TEST(DecodeGranuleDeathTest, BuffersMustBeContiguous) {
-    EXPECT_EXIT(decode_with_buffer_gap(1), testing::ExitedWithCode(1),
-                "Each PCM buffer must be in contiguous 576 locations");
-    EXPECT_EXIT(decode_with_buffer_gap(-1), testing::ExitedWithCode(1),
-                "Each PCM buffer must be in contiguous 576 locations");
-}
-
-TEST(ImdctDeathTest, UnknownBlockTypesEndTheProcess) {
+// PCM buffers that are not contiguous, and unknown block types, end the process.
+TEST(DecodeGranuleDeathTest, NonContiguousBuffersAndUnknownBlockTypesEndTheProcess) {
+    for (int gap : {1, -1}) {
+        EXPECT_EXIT(decode_with_buffer_gap(gap), testing::ExitedWithCode(1),
+                    "Each PCM buffer must be in contiguous 576 locations");
+    }
     double input[18] = {};
     double overlap[9] = {};
     double output[576];

@@ -97,43 +97,6 @@ class KavoModule(unittest.TestCase):
             kavo.convert_bytes(read(layer2))
         self.assertEqual(raised.exception.status, kavo.ERROR_FORMAT)
 
-    def test_tags_and_wrappers_convert_like_their_bare_audio(self):
-        tags = os.path.join(FIXTURES, "tags")
-        with open(os.path.join(tags, "expected.tsv")) as table:
-            rows = [line.rstrip("\n").split("\t") for line in table if not line.startswith("#")]
-        for name, bare, _skipped, refusal in rows:
-            with self.subTest(name=name):
-                path = os.path.join(tags, name)
-                if refusal != "-":
-                    with self.assertRaises(kavo.Error) as raised:
-                        kavo.convert_bytes(read(path))
-                    self.assertIn(refusal, raised.exception.message)
-                    continue
-                expected = kavo.convert_bytes(read(os.path.join(tags, bare)))
-                self.assertEqual(kavo.convert_bytes(read(path)), expected)
-                out = os.path.join(self.tmp, "tagged.adpcm")
-                kavo.convert_file(path, out)
-                self.assertEqual(read(out), expected)
-
-    def test_wav_prompts_through_the_same_calls(self):
-        # Made by sox: A-law, 24-bit and 16-bit; each gives the command's bytes, and the first
-        # two those of the 16-bit WAV sox makes from them.
-        for options in (["-e", "a-law"], ["-b", "24"], ["-b", "16"]):
-            with self.subTest(options=options):
-                enc = os.path.join(self.tmp, "enc.wav")
-                lin = os.path.join(self.tmp, "lin.wav")
-                subprocess.run(["sox", "-R", "-D", "-n", "-r", "22050", "-c", "2"] + options +
-                               [enc, "synth", "0.5", "sine", "300-3000", "gain", "-2"], check=True)
-                subprocess.run(["sox", "-D", enc, "-e", "signed-integer", "-b", "16", lin],
-                               check=True)
-                out = os.path.join(self.tmp, "command.adpcm")
-                subprocess.run([os.environ["KAVO_CLI"], "convert", "-q", enc, out], check=True)
-                expected = read(out)
-                self.assertEqual(kavo.convert_bytes(read(enc)), expected)
-                self.assertEqual(kavo.convert_bytes(read(lin)), expected)
-                kavo.convert_file(enc, os.path.join(self.tmp, "module.adpcm"))
-                self.assertEqual(read(os.path.join(self.tmp, "module.adpcm")), expected)
-
     def test_two_threads_at_once(self):
         # Each conversion waits in its first progress call until the other one has reached
         # its own: both must be inside the library together, or the barrier times out.

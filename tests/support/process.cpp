@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -118,6 +119,18 @@ void write_file(const std::string& path, const std::string& bytes) {
 }
 
 std::string fixture(const std::string& name) { return std::string(KAVO_FIXTURES_DIR) + "/" + name; }
+
+std::string fixture_bytes(const std::string& name) { return read_file(fixture(name)); }
+
+int append_to(void* user, const void* bytes, size_t size) {
+    static_cast<std::string*>(user)->append(static_cast<const char*>(bytes), size);
+    return 0;
+}
+
+std::string test_name(std::string text) {
+    std::replace_if(text.begin(), text.end(), [](unsigned char c) { return std::isalnum(c) == 0; }, '_');
+    return text;
+}
 
 std::string conformance_dir() {
     const char* dir = std::getenv("KAVO_CONFORMANCE_DIR");

@@ -2,6 +2,7 @@
 // directory and capture what it prints; temporary directories that clean up after themselves.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,11 @@ private:
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes);
 std::string fixture(const std::string& name);      // path of a committed fixture
+std::string fixture_bytes(const std::string& name);  // its content
+// A write function for the kavo_ calls: appends the bytes to the std::string user points to.
+int append_to(void* user, const void* bytes, size_t size);
+// Text as a test name: every character but a letter or a digit becomes '_'.
+std::string test_name(std::string text);
 // The MPEG audio conformance bitstreams with their reference PCM: the folder named by the
 // environment variable KAVO_CONFORMANCE_DIR, else the one the build was configured with (by
 // default ../shared/conformance beside the project). Users who clone the repository alone do
