@@ -43,14 +43,7 @@ printf 'input: %d samples (%d s at 8000 Hz); median of %d alternating runs\n' "$
   "$((samples / 8000))" "$runs"
 table "ADPCM encoder: kavo encode against ffmpeg g726le (10 minutes of speech, medians of $runs alternating runs)" \
   "measure" "kavo" "ffmpeg" "kavo / ffmpeg" "per-round ratios"
-for field in cpu wall; do
-  k=$(median kavo $field)
-  f=$(median ffmpeg $field)
-  label="CPU (user + system)"
-  [ $field = wall ] && label="wall"
-  row "$label, whole process" "$(seconds "$k")" "$(seconds "$f")" "$(ratio "$k" "$f")" \
-    "$(spread kavo ffmpeg $field)"
-done
+cpu_wall_rows ffmpeg
 k=$(median kavo wall)
 f=$(median ffmpeg wall)
 row "samples per second, whole process (from the median wall time)" "$(rate "$k")" "$(rate "$f")" \

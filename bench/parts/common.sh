@@ -154,6 +154,20 @@ instructions() {
   cat "$kept"
 }
 
+# cpu_wall_rows REFERENCE [EXTRA]: the CPU and wall rows of a whole-process comparison of kavo
+# with REFERENCE; EXTRA, when given, is a function that prints one more cell from kavo's time.
+cpu_wall_rows() {
+  local ref=$1 extra=${2:-} field k r label
+  for field in cpu wall; do
+    k=$(median kavo $field)
+    r=$(median "$ref" $field)
+    label="CPU (user + system)"
+    [ $field = wall ] && label="wall"
+    row "$label, whole process" "$(seconds "$k")" "$(seconds "$r")" "$(ratio "$k" "$r")" \
+      "$(spread kavo "$ref" $field)" ${extra:+"$($extra "$k")"}
+  done
+}
+
 # counter_note: how the tables' instruction counts were taken, for the note under a table.
 counter_note() {
   if [ "$BENCH_PERF" = yes ]; then

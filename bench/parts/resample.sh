@@ -22,14 +22,8 @@ alternate "$runs" kavo kavo_resample sox sox_resample
 printf 'input: 600 s of 44.1 kHz mono 16-bit WAV; median of %d alternating runs\n' "$runs"
 table "Resampler: kavo resample against sox, 44.1 kHz to 8000 Hz (10 minutes, medians of $runs alternating runs)" \
   "measure" "kavo" "sox" "kavo / sox" "per-round ratios" "kavo, times real time"
-for field in cpu wall; do
-  k=$(median kavo $field)
-  s=$(median sox $field)
-  label="CPU (user + system)"
-  [ $field = wall ] && label="wall"
-  row "$label, whole process" "$(seconds "$k")" "$(seconds "$s")" "$(ratio "$k" "$s")" \
-    "$(spread kavo sox $field)" "$(awk -v t="$k" 'BEGIN { if (t > 0) printf "%.0f", 600 / t }')"
-done
+times_real_time() { awk -v t="$1" 'BEGIN { if (t > 0) printf "%.0f", 600 / t }'; }
+cpu_wall_rows sox times_real_time
 table_end
 note "Commands: \`kavo resample IN.wav OUT.wav\`, \`sox IN.wav -r 8000 OUT.wav\` (sox's default" \
   "quality); each writes a 16-bit WAV file."
