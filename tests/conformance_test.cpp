@@ -40,6 +40,7 @@ struct ConformanceCase {
     long expected_values;             // length of our output in values; -1: the reference's length
     const char* why;
 };
+void PrintTo(const ConformanceCase& c, std::ostream* os) { *os << c.file; }
 
 // The decode phase (kavo decode to raw PCM) of the bitstream at path; a stream in which no
 // Layer III frame is found is refused, and gives no values.

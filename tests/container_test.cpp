@@ -111,6 +111,7 @@ struct WavCase {
     const char* channels;
     const char* gain;  // dB: full scale and beyond saturates on the way to 16 bits
 };
+void PrintTo(const WavCase& c, std::ostream* os) { *os << c.rate << " Hz, " << c.channels << " ch, " << c.gain << " dB"; }
 
 std::string convert_or_fail(const std::string& input, kavo_report* report = nullptr) {
     std::string out, message;

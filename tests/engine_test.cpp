@@ -149,6 +149,8 @@ struct ErrorCase {
     // Sets up the case in dir and runs it; returns the status.
     int (*run)(const TempDir& dir, std::string& message);
 };
+// Named by its case in test listings instead of by its bytes.
+void PrintTo(const ErrorCase& c, std::ostream* os) { *os << c.name; }
 
 // dir/in.mp3 holding the fixture.
 std::string input(const TempDir& dir, const char* name) {

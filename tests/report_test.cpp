@@ -103,6 +103,7 @@ struct Case {
     Way way;       // how kavo_convert is called
     const char* audio = nullptr;  // the fixture without its tags
 };
+void PrintTo(const Case& c, std::ostream* os) { *os << (c.fixture[0] ? c.fixture : "a made WAV"); }
 
 const Case kCases[] = {
     {"speech_mono_22k.mp3", KAVO_ENCODING_MPEG2_LAYER3, false, Way::file_to_write},
