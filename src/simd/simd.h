@@ -5,9 +5,10 @@
 // A fast kernel is written once (an always-inline body over the vector types below) and built
 // for each vector unit: plain, for any processor of the target; with KAVO_AVX2, for processors
 // with AVX2; and with KAVO_AVX512, eight doubles a step, for processors with AVX-512 (F, DQ,
-// BW and VL). vector_path() says which one to call; it is decided once, from the processor's
-// features and the registers the operating system saves, in the same way on every operating
-// system (no loader support is needed, so the Windows DLL dispatches the same way).
+// BW and VL). use_avx2() and use_avx512() say which one to call; the path is decided once,
+// from the processor's features and the registers the operating system saves, in the same way
+// on every operating system (no loader support is needed, so the Windows DLL dispatches the
+// same way).
 //
 // None of the targets fuses a multiply with an add: GCC's AVX2 and AVX-512 targets do not
 // enable FMA, and where clang's AVX-512 target implies it, -ffp-contract=off keeps every
@@ -50,7 +51,6 @@ extern const VectorPath g_vector_path;
 // path the processor lacks is not taken: the library says so and takes the widest it has.
 // A kernel with no AVX-512 form of its own takes its AVX2 form on the AVX-512 path:
 // use_avx2() is true on both.
-inline VectorPath vector_path() { return simd_detail::g_vector_path; }
 inline bool use_avx2() { return simd_detail::g_vector_path >= VectorPath::avx2; }
 inline bool use_avx512() { return simd_detail::g_vector_path == VectorPath::avx512; }
 const char* vector_path_name(VectorPath path);

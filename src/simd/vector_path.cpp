@@ -65,15 +65,8 @@ VectorPath choose_vector_path() {
 }  // namespace
 
 const char* vector_path_name(VectorPath path) {
-    switch (path) {
-        case VectorPath::avx512:
-            return "avx512";
-        case VectorPath::avx2:
-            return "avx2";
-        case VectorPath::plain:
-            break;
-    }
-    return "plain";
+    static const char* const kNames[] = {"plain", "avx2", "avx512"};  // in VectorPath's order
+    return kNames[static_cast<int>(path)];
 }
 
 namespace simd_detail {
